@@ -1,0 +1,35 @@
+# nyx_add_gtest(NAME SOURCES a.cpp... LIBS lib... [LABELS l...] [ENVIRONMENT K=V...] [TIMEOUT s])
+#
+# Builds one GoogleTest binary and registers it with CTest as one test. When
+# cross-compiling, CTest runs it through CMAKE_CROSSCOMPILING_EMULATOR, and
+# tests that start further project binaries find that emulator in
+# NYX_TEST_EMULATOR.
+string(REPLACE ";" " " NYX_TEST_EMULATOR "${CMAKE_CROSSCOMPILING_EMULATOR}")
+
+function(nyx_add_gtest name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS} nyx_test_support GTest::gmock GTest::gtest_main)
+  add_test(NAME ${name} COMMAND ${name})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 300)
+  endif()
+  set_tests_properties(${name} PROPERTIES
+    TIMEOUT ${ARG_TIMEOUT}
+    LABELS "${ARG_LABELS}"
+    ENVIRONMENT "NYX_SOURCE_DIR=${PROJECT_SOURCE_DIR};NYX_BINARY_DIR=${PROJECT_BINARY_DIR};NYX_TEST_EMULATOR=${NYX_TEST_EMULATOR};${ARG_ENVIRONMENT}")
+endfunction()
+
+# nyx_add_python_test(NAME SCRIPT [LABELS l...] [ENVIRONMENT K=V...] [TIMEOUT s])
+function(nyx_add_python_test name script)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "LABELS;ENVIRONMENT" ${ARGN})
+  find_package(Python3 REQUIRED COMPONENTS Interpreter)
+  add_test(NAME ${name} COMMAND ${Python3_EXECUTABLE} ${script})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 300)
+  endif()
+  set_tests_properties(${name} PROPERTIES
+    TIMEOUT ${ARG_TIMEOUT}
+    LABELS "${ARG_LABELS}"
+    ENVIRONMENT "NYX_SOURCE_DIR=${PROJECT_SOURCE_DIR};NYX_BINARY_DIR=${PROJECT_BINARY_DIR};NYX_TEST_EMULATOR=${NYX_TEST_EMULATOR};PYTHONDONTWRITEBYTECODE=1;${ARG_ENVIRONMENT}")
+endfunction()
