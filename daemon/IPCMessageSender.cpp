@@ -1,0 +1,12 @@
+#include "daemon/IPCMessageSender.h"
+
+#include "daemon/HbusHandleProvider.h"
+#include "hbus.h"
+
+IPCMessageSender::~IPCMessageSender() = default;
+
+int IPCMessageSender::send(const std::string& service, const std::string& property,
+                           const std::string& value) {
+  HbusHandleStruct* handle = HbusHandleProvider::getHandle(kCobaltDeviceMessaging);
+  return HbusSetStringProperty(handle, service.c_str(), property.c_str(), value.c_str());
+}

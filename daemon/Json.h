@@ -1,0 +1,32 @@
+// The one way the daemon includes RapidJSON.
+//
+// Server answers and message envelopes are untrusted. RapidJSON's assertions
+// (a wrong-typed read, a missing member) are turned into a JsonError
+// exception, so a hostile document is an error the caller sees, never
+// undefined behaviour. Code should still check a member's type before reading
+// it; the exception is the safety net.
+#ifndef NYX_DAEMON_JSON_H
+#define NYX_DAEMON_JSON_H
+
+#include <stdexcept>
+#include <string>
+
+class JsonError : public std::runtime_error {
+ public:
+  explicit JsonError(const std::string& what) : std::runtime_error(what) {}
+};
+
+#ifdef RAPIDJSON_ASSERT
+#error "Include RapidJSON only through daemon/Json.h"
+#endif
+#define RAPIDJSON_HAS_STDSTRING 1
+#define RAPIDJSON_ASSERT(condition)   \
+  ((condition) ? static_cast<void>(0) \
+               : throw JsonError(std::string("Invalid JSON access: ") + #condition))
+
+#include <rapidjson/document.h>
+#include <rapidjson/error/en.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#endif  // NYX_DAEMON_JSON_H
