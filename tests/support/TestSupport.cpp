@@ -175,9 +175,23 @@ ChildProcess::ChildProcess(const Options& options) : echo_(options.echo) {
   if (pipe2(pipeFds, O_CLOEXEC) != 0) {
     throw std::runtime_error(std::string("pipe: ") + strerror(errno));
   }
+  int inputFds[2] = {-1, -1};
+  if (options.inputPipe) {
+    // A child that exits early must not kill the test with SIGPIPE.
+    ::signal(SIGPIPE, SIG_IGN);
+  }
+  if (options.inputPipe && pipe2(inputFds, O_CLOEXEC) != 0) {
+    close(pipeFds[0]);
+    close(pipeFds[1]);
+    throw std::runtime_error(std::string("pipe: ") + strerror(errno));
+  }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  if (options.inputPipe) {
+    posix_spawn_file_actions_adddup2(&actions, inputFds[0], 0);
+  } else {
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  }
   posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 1);
   posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 2);
   // A new process group, so that signals sent to the test (a Ctrl-C) do not
@@ -191,8 +205,15 @@ ChildProcess::ChildProcess(const Options& options) : echo_(options.echo) {
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attributes);
   close(pipeFds[1]);
+  if (options.inputPipe) {
+    close(inputFds[0]);
+    inputFd_ = inputFds[1];
+  }
   if (error != 0) {
     close(pipeFds[0]);
+    if (inputFd_ >= 0) {
+      close(inputFd_);
+    }
     pid_ = -1;
     throw std::runtime_error("cannot start " + argv[0] + ": " + strerror(error));
   }
@@ -200,6 +221,9 @@ ChildProcess::ChildProcess(const Options& options) : echo_(options.echo) {
 }
 
 ChildProcess::~ChildProcess() {
+  if (inputFd_ >= 0) {
+    close(inputFd_);
+  }
   if (running()) {
     kill(pid_, SIGKILL);
     waitForExit(milliseconds(10000));
@@ -272,6 +296,20 @@ bool ChildProcess::waitForLine(const std::string& text, milliseconds timeout, si
     }
     return seen >= count;
   });
+}
+
+void ChildProcess::writeInput(const std::string& text) const {
+  size_t written = 0;
+  while (inputFd_ >= 0 && written < text.size()) {
+    ssize_t done = write(inputFd_, text.data() + written, text.size() - written);
+    if (done < 0 && errno == EINTR) {
+      continue;
+    }
+    if (done <= 0) {
+      throw std::runtime_error(std::string("write to child: ") + strerror(errno));
+    }
+    written += static_cast<size_t>(done);
+  }
 }
 
 void ChildProcess::signal(int signalNumber) const {

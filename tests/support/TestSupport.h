@@ -93,6 +93,9 @@ class ChildProcess {
     bool projectBinary = false;
     // Echo each line to the test's standard output as it arrives.
     bool echo = false;
+    // Give the child a pipe as standard input (see writeInput); otherwise it
+    // reads /dev/null.
+    bool inputPipe = false;
   };
 
   explicit ChildProcess(const Options& options);
@@ -107,6 +110,8 @@ class ChildProcess {
   size_t countLines(const std::string& text) const;
   // Waits until at least count lines contain the text.
   bool waitForLine(const std::string& text, milliseconds timeout, size_t count = 1) const;
+  // Writes to the child's standard input (inputPipe must be set).
+  void writeInput(const std::string& text) const;
   void signal(int signalNumber) const;
   // The exit status (0-255) or, for a process ended by a signal, minus the
   // signal number; nullopt when it did not exit in time.
@@ -117,6 +122,7 @@ class ChildProcess {
   void readOutput(int fd);
 
   pid_t pid_ = -1;
+  int inputFd_ = -1;
   std::optional<int> exitStatus_;
   bool echo_ = false;
   mutable std::mutex mutex_;
