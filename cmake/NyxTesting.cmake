@@ -7,10 +7,20 @@
 string(REPLACE ";" " " NYX_TEST_EMULATOR "${CMAKE_CROSSCOMPILING_EMULATOR}")
 
 function(nyx_add_gtest name)
-  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT" ${ARGN})
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT;ARGS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} nyx_test_support GTest::gmock GTest::gtest_main)
-  add_test(NAME ${name} COMMAND ${name})
+  nyx_register_gtest(${name} TARGET ${name} ARGS ${ARG_ARGS} LABELS ${ARG_LABELS}
+    ENVIRONMENT ${ARG_ENVIRONMENT} TIMEOUT ${ARG_TIMEOUT})
+endfunction()
+
+# nyx_register_gtest(TEST_NAME TARGET t [ARGS a...] [LABELS l...] [ENVIRONMENT K=V...] [TIMEOUT s])
+#
+# Registers a run of an existing test binary, for example one part of it
+# selected with --gtest_filter under a label of its own.
+function(nyx_register_gtest name)
+  cmake_parse_arguments(ARG "" "TARGET;TIMEOUT" "ARGS;LABELS;ENVIRONMENT" ${ARGN})
+  add_test(NAME ${name} COMMAND ${ARG_TARGET} ${ARG_ARGS})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 300)
   endif()
