@@ -159,6 +159,24 @@ def quote(text):
     return json.dumps(text, ensure_ascii=False)
 
 
+def is_compact(text):
+    """True when the JSON text has no white space outside its strings."""
+    in_string = escaped = False
+    for ch in text:
+        if in_string:
+            if escaped:
+                escaped = False
+            elif ch == "\\":
+                escaped = True
+            elif ch == '"':
+                in_string = False
+        elif ch == '"':
+            in_string = True
+        elif ch in " \t\r\n":
+            return False
+    return True
+
+
 def describe_bytes(data):
     """(kind, shown) for a payload: ("text", str) when it is printable UTF-8,
     ("hex", lower-case hex) otherwise."""
