@@ -123,14 +123,21 @@ class Output:
 
     def event(self, kind, text, **fields):
         """Prints one event: `text` for people, `kind` and `fields` for --json."""
+        if self._json:
+            record = {"time": round(time.time(), 3), "event": kind}
+            record.update(fields)
+            line = json.dumps(record, ensure_ascii=False)
+        else:
+            line = datetime.datetime.now().strftime("%H:%M:%S.%f")[:-3] + " " + text
         with self._lock:
-            if self._json:
-                record = {"time": round(time.time(), 3), "event": kind}
-                record.update(fields)
-                print(json.dumps(record, ensure_ascii=False))
-            else:
-                stamp = datetime.datetime.now().strftime("%H:%M:%S.%f")[:-3]
-                print(f"{stamp} {text}")
+            try:
+                print(line)
+            except BrokenPipeError:
+                # Whoever read our output has gone (`| head`); the service
+                # itself keeps answering on the bus.
+                devnull = os.open(os.devnull, os.O_WRONLY)
+                os.dup2(devnull, sys.stdout.fileno())
+                os.close(devnull)
 
     def log(self, record):
         """Appends one JSON line to the --log file, if there is one."""
