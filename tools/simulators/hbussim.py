@@ -387,7 +387,7 @@ class Faults:
                         property=prop.name, value=value, sender=sender)
 
     def _set_hang(self, prop, value, sender):
-        if value < 0:
+        if not 0 <= value <= 86400:  # GLib timeouts count milliseconds in 32 bits
             raise HbusStatus(STATUS_FAILED)
         self.hang = float(value)
         self._out.event("control", f"control: hangSeconds = {value}",
@@ -399,8 +399,8 @@ def non_negative_float(text):
         value = float(text)
     except ValueError:
         raise argparse.ArgumentTypeError(f"{text!r} is not a number") from None
-    if value < 0 or value != value:
-        raise argparse.ArgumentTypeError(f"{text!r} is negative")
+    if not 0 <= value <= 86400:
+        raise argparse.ArgumentTypeError(f"{text!r} is not between 0 and 86400 seconds")
     return value
 
 
