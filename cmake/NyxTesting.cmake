@@ -30,11 +30,18 @@ function(nyx_register_gtest name)
     ENVIRONMENT "NYX_SOURCE_DIR=${PROJECT_SOURCE_DIR};NYX_BINARY_DIR=${PROJECT_BINARY_DIR};NYX_TEST_EMULATOR=${NYX_TEST_EMULATOR};${ARG_ENVIRONMENT}")
 endfunction()
 
-# nyx_add_python_test(NAME SCRIPT [LABELS l...] [ENVIRONMENT K=V...] [TIMEOUT s])
+# nyx_add_python_test(NAME SCRIPT [INTERPRETER path] [LABELS l...] [ENVIRONMENT K=V...]
+#                     [TIMEOUT s])
+#
+# Tools that use GLib's Gio need Debian's own interpreter, /usr/bin/python3,
+# which is the one with python3-gi; pass it as INTERPRETER.
 function(nyx_add_python_test name script)
-  cmake_parse_arguments(ARG "" "TIMEOUT" "LABELS;ENVIRONMENT" ${ARGN})
-  find_package(Python3 REQUIRED COMPONENTS Interpreter)
-  add_test(NAME ${name} COMMAND ${Python3_EXECUTABLE} ${script})
+  cmake_parse_arguments(ARG "" "TIMEOUT;INTERPRETER" "LABELS;ENVIRONMENT" ${ARGN})
+  if(NOT ARG_INTERPRETER)
+    find_package(Python3 REQUIRED COMPONENTS Interpreter)
+    set(ARG_INTERPRETER ${Python3_EXECUTABLE})
+  endif()
+  add_test(NAME ${name} COMMAND ${ARG_INTERPRETER} ${script})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 300)
   endif()
