@@ -22,6 +22,11 @@ class CurlHttpClient : public HttpClient {
   // transfer; may set further options, throwing std::runtime_error with
   // curl's text when one fails. Does nothing here.
   virtual void configureHandle(CURL* handle);
+
+  // Checks the result of one curl_easy_setopt or curl_easy_getinfo at once:
+  // throws std::runtime_error with curl's text for a non-zero code. Shared
+  // with subclasses so that every option of an attempt fails the same way.
+  static void check(CURLcode code);
 };
 
 #endif  // NYX_HTTP_CURL_HTTP_CLIENT_H

@@ -1,0 +1,58 @@
+#include "http/TesselCurlHttpClient.h"
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "conn.h"
+#include "curl_extras.h"
+
+namespace {
+
+void freeProxyData(ConProxyData* data) {
+  if (data != nullptr) {
+    free(data->host);
+    free(data->port);
+    free(data->reserved);
+    free(data);
+  }
+}
+
+// "host:port" of the proxy the active interface requires, or "" for a
+// direct connection. Looked up for every attempt, so a change of network
+// between retries takes effect at the next attempt.
+std::string activeProxy() {
+  if (ConActiveInterface() != CON_INTERFACE_PROXIED) {
+    return "";
+  }
+  std::unique_ptr<ConProxyData, decltype(&freeProxyData)> data(ConGetNetworkProxy(),
+                                                               &freeProxyData);
+  if (!data || data->host == nullptr || data->port == nullptr) {
+    return "";
+  }
+  return std::string(data->host) + ":" + data->port;
+}
+
+#if NYX_PLATFORM_DEVICE
+// A long option of the device's own libcurl build; standard libcurl does not
+// know the number and would refuse it.
+const CURLoption kDeviceLongOption283 = static_cast<CURLoption>(283);
+#endif
+
+}  // namespace
+
+TesselCurlHttpClient::~TesselCurlHttpClient() = default;
+
+void TesselCurlHttpClient::configureHandle(CURL* handle) {
+  CurlHttpClient::configureHandle(handle);
+  const std::string proxy = activeProxy();
+  if (!proxy.empty()) {
+    check(curl_easy_setopt(handle, CURLOPT_PROXY, proxy.c_str()));
+  }
+  // The callback adds the device's trust anchors and revocation checking to
+  // each TLS context; it needs no data of its own.
+  check(curl_easy_setopt(handle, CURLOPT_SSL_CTX_FUNCTION, getRevocationSslCxtCb()));
+#if NYX_PLATFORM_DEVICE
+  check(curl_easy_setopt(handle, kDeviceLongOption283, 1L));
+#endif
+}
