@@ -1,0 +1,3 @@
+#include "http/RequestSigner.h"
+
+RequestSigner::~RequestSigner() = default;
