@@ -54,11 +54,14 @@ std::string systemBundlePath() {
 }
 
 struct StoreInputs {
+  std::string caPath;
+  std::string crlPath;
   FileStamp system;
   FileStamp ca;
   FileStamp crl;
   bool operator==(const StoreInputs& other) const {
-    return system == other.system && ca == other.ca && crl == other.crl;
+    return caPath == other.caPath && crlPath == other.crlPath && system == other.system &&
+           ca == other.ca && crl == other.crl;
   }
 };
 
@@ -71,7 +74,8 @@ class TrustStoreCache {
   CURLcode install(SSL_CTX* ctx) {
     const std::string caPath = nyxhost::hostFilePath("tls/ca.pem");
     const std::string crlPath = nyxhost::hostFilePath("tls/crl.pem");
-    const StoreInputs inputs{stampOf(systemBundlePath()), stampOf(caPath), stampOf(crlPath)};
+    const StoreInputs inputs{caPath, crlPath, stampOf(systemBundlePath()), stampOf(caPath),
+                             stampOf(crlPath)};
     std::lock_guard<std::mutex> lock(mutex_);
     if (store_ == nullptr || !(inputs == inputs_)) {
       X509_STORE* fresh = nullptr;
