@@ -109,10 +109,12 @@ TEST(RegistrationOverBusAndHttpTest, AppIsRegisteredWithASignedRequestAndToldIts
   nyxtest::TempDir scratch;
   nyxtest::LocalHttpServer::Options options;
   options.signingSecret = kSecret;
-  nyxtest::LocalHttpServer server(
-      {{200, {"Content-Type: application/json"}, R"({"registrationID":"reg-1"})", "/v1/register"},
-       {200, {}, "", "/v1/unregister"}},
-      options);
+  nyxtest::HttpAnswer registered(200, {"Content-Type: application/json"},
+                                 R"({"registrationID":"reg-1"})");
+  registered.path = "/v1/register";
+  nyxtest::HttpAnswer unregistered(200);
+  unregistered.path = "/v1/unregister";
+  nyxtest::LocalHttpServer server({registered, unregistered}, options);
   root.setConfig({{"url.devicemessaging.registration", server.url("/v1/register?device=7")},
                   {"url.devicemessaging.unregistration", server.url("/v1/unregister")}});
   root.writePlatformFile("device-serial", "SERIAL-0042\n");
