@@ -82,9 +82,33 @@ class Handler(BaseHTTPRequestHandler):
     server_version = "nyx-mock-server/1"
     # A client that stalls mid-request must not hold a thread forever.
     timeout = 60
+    # Headers and body leave in one write, and without Nagle's wait: a page
+    # answered in two small writes would otherwise stall on the client's
+    # delayed acknowledgement for tens of milliseconds.
+    wbufsize = 64 * 1024
+
+    def setup(self):
+        super().setup()
+        try:
+            self.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        except OSError:
+            pass
 
     def log_message(self, fmt, *args):
         pass  # every request is logged once, by _finish
+
+    def send_error(self, code, message=None, explain=None):
+        """Answers a request the HTTP parser refused, in JSON like every other error."""
+        self.close_connection = True
+        text = message or (HTTPStatus(code).phrase if code in HTTPStatus._value2member_map_
+                           else "error")
+        self.server.log.line("mock-server: refused %r from %s: %d %s" % (
+            (self.requestline or "")[:80], self.client_address[0], code, text))
+        if code >= 200 and code not in (204, 304):
+            self._send(code, {"error": text})
+        else:
+            self.send_response(code)
+            self.end_headers()
 
     def do_GET(self):
         self._dispatch("GET")
@@ -528,6 +552,8 @@ def make_tls(state_dir):
     _openssl("x509", "-req", "-in", csr, "-CA", ca, "-CAkey", ca_key, "-out", cert,
              "-days", "825", "-set_serial", str(int.from_bytes(os.urandom(8), "big")),
              "-extfile", ext)
+    for scratch in (csr, ext):
+        os.unlink(scratch)
     return ca, cert, key
 
 
@@ -602,7 +628,10 @@ def main(argv=None):
     def stop(signum, frame):
         raise KeyboardInterrupt
 
+    # SIGINT is set explicitly: a server started in the background by a
+    # script inherits an ignored SIGINT and would not stop on kill -INT.
     signal.signal(signal.SIGTERM, stop)
+    signal.signal(signal.SIGINT, stop)
     try:
         os.makedirs(state_dir, exist_ok=True)
         try:
