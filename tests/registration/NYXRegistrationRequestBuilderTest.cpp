@@ -1,5 +1,5 @@
-// What the request builders refuse to build, and the registration error's
-// own contract. The bodies they build are checked through the registrar.
+// What the request builders refuse to build, and how the registration error
+// is raised again. The bodies they build are checked through the registrar.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -66,26 +66,19 @@ TEST(NYXRegistrationRequestBuilderTest, IncompleteOrUnconfiguredRequestsAreNotBu
   EXPECT_TRUE(signer.signedBodies.empty());
 }
 
-TEST(NYXRegistrationErrorTest, CarriesCodeAndDescriptionThroughItsBase) {
-  const NYXRegistrationError error(NYXRegistrationErrorCode::ServiceNotAvailable,
-                                   "Status Code: 503\n");
-  EXPECT_STREQ(error.what(), "ServiceNotAvailable: Status Code: 503\n");
-
+// raise() must keep the full type when the error is held by its base.
+TEST(NYXRegistrationErrorTest, RaisedThroughItsBaseKeepsCodeAndDescription) {
+  const NYXRegistrationError error(NYXRegistrationErrorCode::ServiceNotAvailable, "down");
   const IOError& base = error;
   try {
     base.raise();
   } catch (const NYXRegistrationError& raised) {
     EXPECT_EQ(raised, error);
-    EXPECT_EQ(raised.getErrorCode(), NYXRegistrationErrorCode::ServiceNotAvailable);
-    EXPECT_EQ(raised.getDescription(), "Status Code: 503\n");
+    EXPECT_STREQ(raised.what(), "ServiceNotAvailable: down");
+    return;
+  } catch (...) {
   }
-
-  const NYXRegistrationError otherText(NYXRegistrationErrorCode::ServiceNotAvailable, "other");
-  const NYXRegistrationError otherCode(NYXRegistrationErrorCode::InvalidSender,
-                                       "Status Code: 503\n");
-  EXPECT_TRUE(error == error);
-  EXPECT_TRUE(error != otherText);
-  EXPECT_TRUE(error != otherCode);
+  ADD_FAILURE() << "not raised as an NYXRegistrationError";
 }
 
 }  // namespace

@@ -207,18 +207,4 @@ TEST_F(NYXRegistrationRequestHandlerTest, ResponderLogsWhatTheBusSaid) {
   }
 }
 
-// The daemon makes a handler for every task: making one must only open the
-// cache, creating it on first use.
-TEST_F(NYXRegistrationRequestHandlerTest, DeviceHandlerOpensTheCacheUnderTheRoot) {
-  const std::string file = root_.file("var/local/nyx_registration_cache.db");
-
-  NYXRegistrationRequestHandler first("customer-1");
-  NYXRegistrationCache(file).store("reg-1", {"s1"}, kApp, {}, NYXRegistrationScope::Device, "");
-  NYXRegistrationRequestHandler second("");
-
-  EXPECT_EQ(
-      NYXRegistrationCache(file).findForUnregistration(kApp, {}, NYXRegistrationScope::Device, ""),
-      "reg-1");
-}
-
 }  // namespace
