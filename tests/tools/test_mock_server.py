@@ -353,8 +353,8 @@ class RegistrationTest(ServerTestCase):
 
 
 class FaultTest(ServerTestCase):
-    def schedule(self, **spec):
-        return self.admin("POST", "/admin/fault", spec)
+    def schedule(self, **wanted):
+        return self.admin("POST", "/admin/fault", wanted)
 
     def raw_fetch(self):
         return self.request("GET", "/v1/messages", headers=signed_headers("GET", "/v1/messages"))
@@ -425,9 +425,9 @@ class FaultTest(ServerTestCase):
                  ("unknown member", {"kind": "missing-member", "member": "colour"}),
                  ("zero count", {"kind": "delay", "count": 0}),
                  ("stray parameter", {"kind": "truncate", "delay": 1})]
-        for name, spec in cases:
+        for name, wanted in cases:
             with self.subTest(name):
-                self.assertIn("error", self.admin("POST", "/admin/fault", spec, expect=400))
+                self.assertIn("error", self.admin("POST", "/admin/fault", wanted, expect=400))
 
 
 class RobustnessTest(ServerTestCase):

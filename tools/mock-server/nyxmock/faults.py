@@ -110,35 +110,35 @@ class FaultQueue:
         self._next_id = 1
         self.fired = {}
 
-    def schedule(self, spec):
+    def schedule(self, wanted):
         """Checks a fault description and appends it; returns the stored fault."""
-        if not isinstance(spec, dict):
+        if not isinstance(wanted, dict):
             raise FaultError("fault must be a JSON object")
-        name = spec.get("kind")
+        name = wanted.get("kind")
         kind = KINDS.get(name)
         if kind is None:
             raise FaultError("unknown fault kind %r; known: %s" % (name, ", ".join(KINDS)))
-        only = spec.get("only") or ("fetch" if kind.fetch_only else "any")
+        only = wanted.get("only") or ("fetch" if kind.fetch_only else "any")
         if only not in REQUEST_KINDS:
             raise FaultError("only must be one of " + ", ".join(REQUEST_KINDS))
         if kind.fetch_only and only != "fetch":
             raise FaultError("fault %s applies to fetch requests only" % name)
         try:
-            count = _int_in(1, 1000000)(spec.get("count", 1))
+            count = _int_in(1, 1000000)(wanted.get("count", 1))
         except (ValueError, TypeError) as e:
             raise FaultError("count %s" % e) from None
-        unknown = set(spec) - set(kind.params) - {"kind", "only", "count"}
+        unknown = set(wanted) - set(kind.params) - {"kind", "only", "count"}
         if unknown:
             raise FaultError("fault %s takes no %s" % (name, ", ".join(sorted(unknown))))
         params = {}
         for pname, param in kind.params.items():
-            if spec.get(pname) is None:
+            if wanted.get(pname) is None:
                 if param.required:
                     raise FaultError("fault %s needs %s" % (name, pname))
                 params[pname] = param.default
                 continue
             try:
-                params[pname] = param.check(spec[pname])
+                params[pname] = param.check(wanted[pname])
             except (ValueError, TypeError) as e:
                 raise FaultError("%s %s" % (pname, e)) from None
         with self._lock:
