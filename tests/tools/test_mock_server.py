@@ -13,6 +13,7 @@ import http.client
 import json
 import os
 import shutil
+import socket
 import ssl
 import subprocess
 import sys
@@ -456,6 +457,16 @@ class RobustnessTest(ServerTestCase):
         self.assertEqual(conn.getresponse().status, 400)
         conn.close()
         self.assertEqual(self.admin("GET", "/admin/stats")["pending"], 0)
+
+
+    def test_large_post_waiting_for_100_continue_is_not_stalled(self):
+        body = json.dumps({"topic": "com.example.t", "payload": "x" * 4000}).encode()
+        with socket.create_connection((self.server.host, self.server.port), timeout=0.5) as s:
+            s.sendall(b"POST /admin/enqueue HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\n"
+                      b"Content-Length: %d\r\n\r\n" % len(body))
+            self.assertTrue(s.recv(64).startswith(b"HTTP/1.1 100"))
+            s.sendall(body)
+            self.assertIn(b"msg-", s.recv(4096))
 
 
 class ClientTest(ServerTestCase):

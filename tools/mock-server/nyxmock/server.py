@@ -94,6 +94,13 @@ class Handler(BaseHTTPRequestHandler):
         except OSError:
             pass
 
+    def handle_expect_100(self):
+        # The interim answer must leave now, not wait in the write buffer:
+        # curl holds a large POST body back until it sees it.
+        result = super().handle_expect_100()
+        self.wfile.flush()
+        return result
+
     def log_message(self, fmt, *args):
         pass  # every request is logged once, by _finish
 
