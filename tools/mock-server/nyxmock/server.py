@@ -370,7 +370,6 @@ class Handler(BaseHTTPRequestHandler):
     # --- Admin requests --------------------------------------------------
 
     def _admin(self, method, path, query, body):
-        srv = self.server
         routes = ADMIN_ROUTES.get(path)
         try:
             if routes is None:
@@ -577,7 +576,8 @@ def parse_args(argv):
                              "default $NYX_ROOT, else /")
     parser.add_argument("--port", type=int, default=0, help="port (default 0: any free port)")
     parser.add_argument("--tls", action="store_true",
-                        help="serve HTTPS with a generated CA, copied to ROOT/etc/nyx-host/tls/ca.pem")
+                        help="serve HTTPS with a generated CA, "
+                             "copied to ROOT/etc/nyx-host/tls/ca.pem")
     parser.add_argument("--state-dir",
                         help="where TLS material lives (default: a temporary directory "
                              "removed at exit); existing material is reused")
