@@ -4,7 +4,8 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
-#include <regex>
+#include <cctype>
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -45,6 +46,37 @@ std::string sha256Hex(const std::string& data) {
   unsigned int length = 0;
   EVP_Digest(data.data(), data.size(), digest, &length, EVP_sha256(), nullptr);
   return hex(digest, length);
+}
+
+// "YYYY-MM-DDTHH:MM:SSZ"; a digit wherever the pattern has a 9.
+bool isSigningTime(const std::string& text) {
+  const std::string pattern = "9999-99-99T99:99:99Z";
+  if (text.size() != pattern.size()) {
+    return false;
+  }
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (pattern[i] == '9' ? !isdigit(static_cast<unsigned char>(text[i])) : text[i] != pattern[i]) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// "Request Signing Failure. StatusCode: N DirectedId: id" with N a non-zero
+// decimal status.
+bool isSigningFailure(const std::string& message, const std::string& directedId) {
+  const std::string prefix = "Request Signing Failure. StatusCode: ";
+  const std::string suffix = " DirectedId: " + directedId;
+  if (message.size() < prefix.size() + suffix.size() ||
+      message.compare(0, prefix.size(), prefix) != 0 ||
+      message.compare(message.size() - suffix.size(), suffix.size(), suffix) != 0) {
+    return false;
+  }
+  const std::string status =
+      message.substr(prefix.size(), message.size() - prefix.size() - suffix.size());
+  char* end = nullptr;
+  const long value = strtol(status.c_str(), &end, 10);
+  return !status.empty() && *end == '\0' && value != 0;
 }
 
 class TesselRequestSignerTest : public testing::Test {
@@ -108,10 +140,7 @@ TEST_F(TesselRequestSignerTest, SignedRequestsVerifyOnTheServer) {
     EXPECT_EQ(seen.header("X-Device-Serial"), kSerial) << c.name;
     EXPECT_EQ(seen.hasHeader("X-Device-Customer"), !c.directedId.empty()) << c.name;
     EXPECT_EQ(seen.header("X-Device-Customer"), c.directedId) << c.name;
-    EXPECT_TRUE(
-        std::regex_match(seen.header("X-Device-Date"),
-                         std::regex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z")))
-        << c.name;
+    EXPECT_TRUE(isSigningTime(seen.header("X-Device-Date"))) << c.name;
   }
 }
 
@@ -206,11 +235,7 @@ TEST_F(TesselRequestSignerTest, MissingCredentialsFailSigningAndNothingIsSent) {
       TesselCurlHttpClient().perform(request);
       ADD_FAILURE() << c.name << ": signed without credentials";
     } catch (const std::runtime_error& error) {
-      EXPECT_TRUE(std::regex_match(
-          error.what(), std::regex("Request Signing Failure\\. StatusCode: -?[1-9][0-9]* "
-                                   "DirectedId: " +
-                                   c.directedId)))
-          << c.name << ": " << error.what();
+      EXPECT_TRUE(isSigningFailure(error.what(), c.directedId)) << c.name << ": " << error.what();
     }
     EXPECT_TRUE(request == before) << c.name << ": headers were added";
   }
