@@ -139,19 +139,6 @@ TEST_F(DispatcherTest, FailsOnAnApplicationMessageWithoutServiceName) {
   EXPECT_TRUE(sender_->sent.empty());
 }
 
-TEST(WispDispatchStatusTest, ComparesCodeAndRetry) {
-  EXPECT_EQ(WispDispatchStatus::Dispatched.code(), 1);
-  EXPECT_FALSE(WispDispatchStatus::Dispatched.retry());
-  EXPECT_EQ(WispDispatchStatus::Unhandled.code(), 103);
-  EXPECT_FALSE(WispDispatchStatus::Unhandled.retry());
-  EXPECT_EQ(WispDispatchStatus::Unresponsive.code(), 200);
-  EXPECT_TRUE(WispDispatchStatus::Unresponsive.retry());
-  WispDispatchStatus status = WispDispatchStatus::Dispatched;
-  EXPECT_NE(status, WispDispatchStatus::Unhandled);
-  status = WispDispatchStatus::Unhandled;
-  EXPECT_EQ(status, WispDispatchStatus::Unhandled);
-}
-
 class PurgerTest : public ::testing::Test {
  protected:
   LogCapture log_;

@@ -160,19 +160,6 @@ TEST(NYXMessageTest, BuildsTheDataMapFromSenderConsolidationKeyAndData) {
   }
 }
 
-TEST(NYXMessageTest, ReadsAppInfoAndAppInstanceInfo) {
-  const NYXMessage message = NYXMessage::fromEnvelope(
-      envelope(R"({"registrationId":"r","senderId":"s","appInfo":{"service.name":"com.app"},)"
-               R"("appInstanceInfo":{"instance":"1"}})"));
-  EXPECT_EQ(message.getAppInfo("service.name"), "com.app");
-  EXPECT_EQ(message.getAppInstanceInfo("instance"), "1");
-  EXPECT_FALSE(message.hasAppInfo("instance"));
-
-  const NYXMessage bare =
-      NYXMessage::fromEnvelope(envelope(R"({"registrationId":"r","senderId":"s"})"));
-  EXPECT_FALSE(bare.hasAppInfo("service.name"));
-}
-
 TEST(NYXMessageTest, RefusesEnvelopesWithMissingOrWronglyTypedMembers) {
   const char* cases[] = {
       "",
