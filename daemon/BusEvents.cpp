@@ -1,0 +1,194 @@
+#include "daemon/BusEvents.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+#include "daemon/HbusHandleProvider.h"
+#include "daemon/Logging.h"
+#include "daemon/Task.h"
+#include "libauth.h"
+#include "messaging/WispPollReason.h"
+#include "messaging/WispPollRequestHandler.h"
+#include "registration/NYXRegistrationRequestHandler.h"
+#include "registration/NYXRegistrationValues.h"
+
+std::shared_ptr<GAsyncQueue> taskQueue;
+std::atomic<int32_t> pendingNudgeTasks{0};
+
+namespace {
+
+constexpr char kMain[] = "Main";
+constexpr char kMissedNudge[] = "missedNUDGE";
+constexpr char kComCorvidShell[] = "com.corvid.shell";
+constexpr char kFrameworkStartedOfShell[] = "frameworkStarted";
+
+// Polls the server for one trigger. Counts itself in pendingNudgeTasks for as
+// long as it lives, which is what the pending gate looks at.
+class NudgeTask : public Task {
+ public:
+  NudgeTask(const WispPollReason& reason, std::shared_ptr<WispPollRequestHandler> pollHandler)
+      : reason_(reason), pollHandler_(std::move(pollHandler)) {
+    pendingNudgeTasks.fetch_add(1, std::memory_order_seq_cst);
+  }
+  ~NudgeTask() override { pendingNudgeTasks.fetch_sub(1, std::memory_order_seq_cst); }
+  void run() override { pollHandler_->handlePoll(reason_); }
+
+ private:
+  WispPollReason reason_;
+  std::shared_ptr<WispPollRequestHandler> pollHandler_;
+};
+
+class NYXRegisterTask : public Task {
+ public:
+  NYXRegisterTask(const std::string& app, const std::string& senders,
+                  std::shared_ptr<NYXRegistrationRequestHandler> registrationHandler)
+      : app_(app), senders_(senders), registrationHandler_(std::move(registrationHandler)) {}
+  void run() override {
+    registrationHandler_->handleRegister(app_, senders_, NYXRegistrationReason::AppInitiated);
+  }
+
+ private:
+  std::string app_;
+  std::string senders_;
+  std::shared_ptr<NYXRegistrationRequestHandler> registrationHandler_;
+};
+
+class NYXUnregisterTask : public Task {
+ public:
+  NYXUnregisterTask(const std::string& app,
+                    std::shared_ptr<NYXRegistrationRequestHandler> registrationHandler)
+      : app_(app), registrationHandler_(std::move(registrationHandler)) {}
+  void run() override {
+    registrationHandler_->handleUnregister(app_, NYXRegistrationReason::AppInitiated);
+  }
+
+ private:
+  std::string app_;
+  std::shared_ptr<NYXRegistrationRequestHandler> registrationHandler_;
+};
+
+void pushTask(std::unique_ptr<Task> task) { g_async_queue_push(taskQueue.get(), task.release()); }
+
+// The framework is up exactly when the shell's "frameworkStarted" reads 1.
+bool frameworkIsUp() {
+  HbusHandleStruct* handle = HbusHandleProvider::getHandle(kCobaltDeviceMessaging);
+  int value = 0;
+  int status = HbusGetIntProperty(handle, kComCorvidShell, kFrameworkStartedOfShell, &value);
+  if (status != 0) {
+    logError(kMain, "HbusGetIntProperty failed, prop = %s, status = %d", kFrameworkStartedOfShell,
+             status);
+    return false;
+  }
+  return value == 1;
+}
+
+std::string senderOf(GHashTable* parameters) {
+  const char* sender =
+      parameters ? static_cast<const char*>(g_hash_table_lookup(parameters, "sender")) : nullptr;
+  return sender ? sender : "";
+}
+
+}  // namespace
+
+void checkHbusStatus(const std::string& label, int status) {
+  if (status != 0) {
+    throw std::runtime_error(
+        label + ": Hbus failure: " + std::to_string(static_cast<unsigned int>(status)));
+  }
+}
+
+std::string getActiveCustomerId() {
+  std::unique_ptr<char, decltype(&free)> customer(libauth_getActiveCustomerID(), free);
+  return customer ? std::string(customer.get()) : std::string();
+}
+
+int handleNudgeEvent(HbusHandleStruct*, const char* name, int, void*) noexcept {
+  logInfo(kMain, "Received NUDGE event: %s.", name);
+  // Only missed events are coalesced: a queued or running poll will fetch
+  // whatever they would have. Push triggers always poll, since they announce
+  // a message that may have arrived after the running poll's last page.
+  if (strcmp(name, kMissedNudge) == 0 && pendingNudgeTasks.load(std::memory_order_seq_cst) > 0) {
+    logInfo(kMain, "Ignoring NUDGE event, because NUDGE tasks are already pending");
+    return 0;
+  }
+  if (!frameworkIsUp()) {
+    logInfo(kMain, "Ignoring NUDGE event, because framework is not yet up");
+    return 0;
+  }
+  const bool startup = strcmp(name, kMissedNudge) == 0 ||
+                       strcmp(name, "credentialsInstalled") == 0 ||
+                       strcmp(name, "FrameworkStarted") == 0;
+  const WispPollReason& reason = startup ? WispPollReason::NetworkStartup : WispPollReason::NUDGE;
+  pushTask(std::make_unique<NudgeTask>(
+      reason, std::make_shared<WispPollRequestHandler>(getActiveCustomerId())));
+  return 0;
+}
+
+int handleMissedNudgeEvent(HbusHandleStruct* handle, const char* name, int value,
+                           void* userData) noexcept {
+  logInfo(kMain, "Received missed NUDGE event: %s.", name);
+  if (strcmp(name, "managementStateChanged") == 0 && value != 0) {
+    return 0;
+  }
+  return handleNudgeEvent(handle, kMissedNudge, value, userData);
+}
+
+int handleConnectionEvent(HbusHandleStruct* handle, const char* name, const char* value,
+                          void* userData) noexcept {
+  logInfo(kMain, "Received %s connection event.", value);
+  return handleMissedNudgeEvent(handle, name, 1, userData);
+}
+
+int handleFrameworkStarted(HbusHandleStruct* handle, const char* name, const char*,
+                           void* userData) noexcept {
+  logInfo(kMain, "Received %s event.", name);
+  return handleNudgeEvent(handle, name, 1, userData);
+}
+
+int handleRegisterRequest(HbusHandleStruct*, const char*, const char* value, GHashTable* parameters,
+                          void*) noexcept {
+  logInfo(kMain, "Received NYX registration request.");
+  pushTask(std::make_unique<NYXRegisterTask>(
+      senderOf(parameters), value ? value : "",
+      std::make_shared<NYXRegistrationRequestHandler>(getActiveCustomerId())));
+  return 0;
+}
+
+int handleUnregisterRequest(HbusHandleStruct*, const char*, const char*, GHashTable* parameters,
+                            void*) noexcept {
+  // "unregtration" is the daemon's established log text; tools match it.
+  logInfo(kMain, "Received NYX unregtration request.");
+  pushTask(std::make_unique<NYXUnregisterTask>(
+      senderOf(parameters),
+      std::make_shared<NYXRegistrationRequestHandler>(getActiveCustomerId())));
+  return 0;
+}
+
+void registerBusProperties(HbusHandleStruct* handle) {
+  logInfo(kMain, "Registering event callbacks.");
+  checkHbusStatus("WanRing",
+                  HbusRegisterIntProperty(handle, "wanRing", nullptr, handleNudgeEvent, nullptr));
+  checkHbusStatus(
+      "CredentialsInstalled",
+      HbusRegisterIntProperty(handle, "credentialsInstalled", nullptr, handleNudgeEvent, nullptr));
+  checkHbusStatus("ManagementStateChanged",
+                  HbusRegisterIntProperty(handle, "managementStateChanged", nullptr,
+                                          handleMissedNudgeEvent, nullptr));
+  checkHbusStatus("PowerResuming", HbusRegisterIntProperty(handle, "resuming", nullptr,
+                                                           handleMissedNudgeEvent, nullptr));
+  checkHbusStatus("InterfaceChange", HbusRegisterStringProperty(handle, "interfaceChange", nullptr,
+                                                                handleConnectionEvent, nullptr));
+  // The daemon's own property is "FrameworkStarted"; the shell's, which the
+  // framework gate reads, is "frameworkStarted". Both spellings are used on
+  // the device.
+  checkHbusStatus("FrameworkStarted",
+                  HbusRegisterStringProperty(handle, "FrameworkStarted", nullptr,
+                                             handleFrameworkStarted, nullptr));
+  logInfo(kMain, "Registering property callbacks.");
+  checkHbusStatus("NYXRegister", HbusRegisterStringPropertyNew(handle, "nyx_register", nullptr,
+                                                               handleRegisterRequest, nullptr));
+  checkHbusStatus("NYXUnregister", HbusRegisterStringPropertyNew(handle, "nyx_unregister", nullptr,
+                                                                 handleUnregisterRequest, nullptr));
+}

@@ -1,0 +1,112 @@
+#include "daemon/Daemon.h"
+
+#include <curl/curl.h>
+#include <glib.h>
+#include <openssl/crypto.h>
+#include <syslog.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+
+#include "corvidutils.h"
+#include "daemon/BusEvents.h"
+#include "daemon/HbusHandleProvider.h"
+#include "daemon/Logging.h"
+#include "daemon/RootedPath.h"
+#include "daemon/Task.h"
+#include "daemon_monitor.h"
+#include "hbus.h"
+
+namespace {
+
+constexpr char kMain[] = "Main";
+constexpr char kLockFile[] = "/var/run/nyx.pid";
+constexpr int kDaemonMonitorInterval = 60;
+constexpr guint64 kTaskWaitMicroseconds = 15000000;
+
+// Set by the SIGTERM handler; read and reset by the worker loop.
+volatile std::sig_atomic_t terminationRequested = 0;
+
+void handleTermination(int) { terminationRequested = 1; }
+
+// What an exception that nothing catches does: the design lets it end the
+// process (a supervisor restarts the daemon), and this puts its text into the
+// log first, where a field engineer looks.
+[[noreturn]] void logUncaughtExceptionAndAbort() {
+  if (std::exception_ptr current = std::current_exception()) {
+    try {
+      std::rethrow_exception(current);
+    } catch (const std::exception& error) {
+      logError(kMain, "Uncaught exception, terminating: %s", error.what());
+    } catch (...) {
+      logError(kMain, "Uncaught exception, terminating: unknown exception type");
+    }
+  } else {
+    logError(kMain, "Terminating without an exception");
+  }
+  std::abort();
+}
+
+void runWorkerLoop() {
+  while (!terminationRequested) {
+    std::shared_ptr<Task> task(
+        static_cast<Task*>(g_async_queue_timeout_pop(taskQueue.get(), kTaskWaitMicroseconds)));
+    if (!task) {
+      continue;
+    }
+    logInfo(kMain, "Processing task.");
+    // A signal that came while the loop waited is forgotten once a task
+    // arrives; one that comes while the task runs ends the loop after it.
+    terminationRequested = 0;
+    task->run();
+    logInfo(kMain, "Waiting for tasks.");
+  }
+}
+
+}  // namespace
+
+void initializeLogger() {
+  Logger* logger = new TesselLogger;
+  openlog("NYX", LOG_PID | LOG_CONS, LOG_LOCAL0);
+  setLogger(logger);
+}
+
+int runDaemon() {
+  std::set_terminate(logUncaughtExceptionAndAbort);
+  // One log line per write, also into a pipe or the journal.
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+
+  taskQueue = std::shared_ptr<GAsyncQueue>(g_async_queue_new(), g_async_queue_unref);
+  initializeLogger();
+  // libcurl's global state must be set up before a second thread exists.
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+
+  const std::string lockFile = rootedPath(kLockFile);
+  const int lock = corvid_daemon_checksingleton(lockFile.c_str());
+  if (lock < 0) {
+    logWarn(kMain, "NYX Daemon is already running.");
+    return -1;
+  }
+  signal(SIGTERM, handleTermination);
+  initialize(kCobaltDeviceMessaging, kDaemonMonitorInterval);
+
+  HbusHandleStruct* handle = HbusHandleProvider::getHandle(kCobaltDeviceMessaging);
+  registerBusProperties(handle);
+  logInfo(kMain, "Starting the event listener thread.");
+  HbusStartListener(handle);
+  // Start-up counted as the daemon's first activity since initialize.
+  decrementProcessActivity();
+
+  logInfo(kMain, "Waiting for tasks.");
+  runWorkerLoop();
+
+  logInfo(kMain, "Received termination signal.");
+  corvid_daemon_cleansingleton(lockFile.c_str(), lock);
+  // A no-op with OpenSSL 3, which cleans up at exit; older device builds
+  // need it.
+  CRYPTO_cleanup_all_ex_data();
+  return 0;
+}
