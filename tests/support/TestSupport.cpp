@@ -262,6 +262,7 @@ void ChildProcess::readOutput(int fd) {
   if (!partial.empty()) {
     lines_.push_back(partial);
   }
+  outputClosed_ = true;
   changed_.notify_all();
 }
 
@@ -310,6 +311,11 @@ void ChildProcess::writeInput(const std::string& text) const {
     }
     written += static_cast<size_t>(done);
   }
+}
+
+bool ChildProcess::waitForOutputClosed(milliseconds timeout) const {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return changed_.wait_for(lock, timeout, [&] { return outputClosed_; });
 }
 
 void ChildProcess::signal(int signalNumber) const {

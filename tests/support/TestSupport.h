@@ -117,6 +117,8 @@ class ChildProcess {
   // signal number; nullopt when it did not exit in time.
   std::optional<int> waitForExit(milliseconds timeout);
   bool running();
+  // Waits until the child's output pipe is closed (every line collected).
+  bool waitForOutputClosed(milliseconds timeout) const;
 
  private:
   void readOutput(int fd);
@@ -128,6 +130,7 @@ class ChildProcess {
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
   std::vector<std::string> lines_;
+  bool outputClosed_ = false;
   std::thread reader_;
 };
 
