@@ -7,6 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -37,6 +39,23 @@ void makeDirs(const std::string& path) {
       throw std::runtime_error("mkdir " + partial + ": " + strerror(errno));
     }
   }
+}
+
+// The first line of a report by each sanitizer the build may use.
+// UndefinedBehaviorSanitizer has no banner of its own; every finding is a
+// "file:line:column: runtime error: ..." line.
+const char* const kSanitizerReportMarks[] = {
+    "ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer",
+    "ERROR: ThreadSanitizer",  "runtime error: ",
+};
+
+bool isSanitizerReport(const std::string& line) {
+  for (const char* mark : kSanitizerReportMarks) {
+    if (line.find(mark) != std::string::npos) {
+      return true;
+    }
+  }
+  return false;
 }
 
 std::vector<std::string> splitWords(const std::string& text) {
@@ -231,6 +250,12 @@ ChildProcess::~ChildProcess() {
   if (reader_.joinable()) {
     reader_.join();
   }
+  for (const auto& line : lines_) {
+    if (isSanitizerReport(line)) {
+      ADD_FAILURE() << "sanitizer report from child " << pid_ << ":\n" << output();
+      break;
+    }
+  }
 }
 
 void ChildProcess::readOutput(int fd) {
@@ -313,6 +338,13 @@ void ChildProcess::writeInput(const std::string& text) const {
   }
 }
 
+void ChildProcess::closeInput() {
+  if (inputFd_ >= 0) {
+    close(inputFd_);
+    inputFd_ = -1;
+  }
+}
+
 bool ChildProcess::waitForOutputClosed(milliseconds timeout) const {
   std::unique_lock<std::mutex> lock(mutex_);
   return changed_.wait_for(lock, timeout, [&] { return outputClosed_; });
@@ -352,9 +384,20 @@ bool ChildProcess::running() {
 
 PrivateBus::PrivateBus() {
   busEnv_ = std::make_unique<ScopedEnv>("HBUS_BUS", std::nullopt);
+  // dbus-daemon runs under a shell that holds the read end of a pipe whose
+  // only writer is this process. However this process ends, the kernel
+  // closes the writer, the shell's read returns and it stops the daemon; a
+  // test aborted by a sanitizer leaves no bus behind.
   ChildProcess::Options options;
-  options.argv = {"dbus-daemon", "--session", "--nofork", "--print-address=1",
+  options.argv = {"/bin/sh",
+                  "-c",
+                  "dbus-daemon \"$@\" </dev/null & read -r line; kill $!; wait $!",
+                  "nyx-private-bus",
+                  "--session",
+                  "--nofork",
+                  "--print-address=1",
                   "--address=unix:tmpdir=" + envOr("TMPDIR", "/tmp")};
+  options.inputPipe = true;
   daemon_ = std::make_unique<ChildProcess>(options);
   if (!daemon_->waitForLine("unix:", milliseconds(10000))) {
     throw std::runtime_error("dbus-daemon did not start: " + daemon_->output());
@@ -370,7 +413,7 @@ PrivateBus::PrivateBus() {
 
 PrivateBus::~PrivateBus() {
   addressEnv_.reset();
-  daemon_->signal(SIGTERM);
+  daemon_->closeInput();
   daemon_->waitForExit(milliseconds(5000));
 }
 

@@ -82,7 +82,10 @@ class NyxRoot {
 
 // A child process started with posix_spawn. Standard output and standard
 // error are collected line by line by a reader thread. The destructor kills
-// the process (SIGKILL) if it still runs and reaps it.
+// the process (SIGKILL) if it still runs and reaps it, and fails the running
+// test (non-fatally) when the output holds a sanitizer's report: a sanitized
+// nyxd or hbus reports on its own standard error, which only this object
+// sees, and a report after the test's last check would otherwise be lost.
 class ChildProcess {
  public:
   struct Options {
@@ -112,6 +115,8 @@ class ChildProcess {
   bool waitForLine(const std::string& text, milliseconds timeout, size_t count = 1) const;
   // Writes to the child's standard input (inputPipe must be set).
   void writeInput(const std::string& text) const;
+  // Closes the child's standard input pipe, so that it reads end of file.
+  void closeInput();
   void signal(int signalNumber) const;
   // The exit status (0-255) or, for a process ended by a signal, minus the
   // signal number; nullopt when it did not exit in time.
@@ -135,7 +140,9 @@ class ChildProcess {
 };
 
 // A private dbus-daemon for one test binary (or one test). While it lives,
-// DBUS_SESSION_BUS_ADDRESS points at it and HBUS_BUS is unset.
+// DBUS_SESSION_BUS_ADDRESS points at it and HBUS_BUS is unset. The daemon
+// also stops when the test process dies without running this destructor (a
+// sanitizer's abort, a crash, CTest's time-out kill).
 class PrivateBus {
  public:
   PrivateBus();
