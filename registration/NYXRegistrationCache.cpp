@@ -9,6 +9,7 @@
 
 namespace {
 
+const int kBusyTimeoutMilliseconds = 5000;
 const char kReadVersion[] = "PRAGMA user_version;";
 const char kBegin[] = "BEGIN TRANSACTION;";
 const char kSetVersion[] = "PRAGMA user_version = 1;";
@@ -88,6 +89,13 @@ NYXRegistrationCache::NYXRegistrationCache(const std::string& path) {
     throw std::runtime_error("Failed to open " + path + ": " +
                              (raw != nullptr ? sqlite3_errmsg(raw) : "out of memory"));
   }
+  // Two connections share the file: a bus callback opens the cache for the
+  // next task while the running task may be writing it. Without a wait,
+  // SQLite answers "database is locked" at once: the open would fail and
+  // end the daemon, and a write, whose failure the operations ignore, would
+  // be lost. A write holds the lock for milliseconds; five seconds is ample
+  // even on slow flash and still well inside the bus's call time-out.
+  sqlite3_busy_timeout(db_.get(), kBusyTimeoutMilliseconds);
 
   // SQLite opens any file lazily and finds out that it is not a database
   // only when the first statement reads it, at this prepare or at its step.

@@ -2,12 +2,15 @@
 // sqlite3 command-line shell so that the test does not trust the code under
 // test to tell what is on disk.
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
+#include <chrono>
 #include <cstdio>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "registration/NYXRegistrationCache.h"
 #include "tests/support/TestSupport.h"
@@ -245,6 +248,48 @@ TEST_F(NYXRegistrationCacheTest, VersionOneFileWithoutTheTableFailsEveryStatemen
   };
   for (const auto& c : cases) {
     EXPECT_EQ(messageOf(c.operation), "Failed to execute SQL statement: " + c.statement + noTable);
+  }
+}
+
+// A bus callback opens the cache for the next task while the running task
+// writes it, and the other way round. Each waits for the other's lock: the
+// open must not fail with "database is locked" (that ended the daemon) and a
+// write must not be dropped.
+TEST_F(NYXRegistrationCacheTest, DatabaseIsLockedByAnotherConnectionWaitsInsteadOfFailing) {
+  struct Case {
+    const char* name;
+    const char* otherConnectionHolds;
+    std::function<void(const std::string& file)> operation;
+  };
+  const Case cases[] = {
+      {"open while another connection writes", "BEGIN EXCLUSIVE;",
+       [](const std::string& path) { NYXRegistrationCache cache(path); }},
+      {"store while another connection reads", "BEGIN; SELECT COUNT(*) FROM registration_ids;",
+       [](const std::string& path) {
+         NYXRegistrationCache cache(path);
+         cache.store("r-locked", {"s"}, kApp, kNoInstance, NYXRegistrationScope::Device, "");
+       }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    nyxtest::TempDir dir;
+    const std::string path = dir.path() + "/cache.db";
+    { NYXRegistrationCache create(path); }
+
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &other), SQLITE_OK);
+    std::unique_ptr<sqlite3, int (*)(sqlite3*)> closeOther(other, sqlite3_close);
+    ASSERT_EQ(sqlite3_exec(other, c.otherConnectionHolds, nullptr, nullptr, nullptr), SQLITE_OK);
+    std::thread release([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+      sqlite3_exec(other, "COMMIT;", nullptr, nullptr, nullptr);
+    });
+
+    EXPECT_EQ(messageOf([&] { c.operation(path); }), "(nothing thrown)");
+    release.join();
+    if (std::string(c.name).find("store") == 0) {
+      EXPECT_EQ(sqliteShell(path, "SELECT registration_id FROM registration_ids;"), "r-locked\n");
+    }
   }
 }
 
