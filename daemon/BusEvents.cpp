@@ -5,6 +5,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "daemon/HandOver.h"
 #include "daemon/HbusHandleProvider.h"
 #include "daemon/Logging.h"
 #include "daemon/Task.h"
@@ -69,7 +70,10 @@ class NYXUnregisterTask : public Task {
   std::shared_ptr<NYXRegistrationRequestHandler> registrationHandler_;
 };
 
-void pushTask(std::unique_ptr<Task> task) { g_async_queue_push(taskQueue.get(), task.release()); }
+void pushTask(std::unique_ptr<Task> task) {
+  releaseToChannel(taskQueue.get());
+  g_async_queue_push(taskQueue.get(), task.release());
+}
 
 // The framework is up exactly when the shell's "frameworkStarted" reads 1.
 bool frameworkIsUp() {
@@ -82,6 +86,21 @@ bool frameworkIsUp() {
     return false;
   }
   return value == 1;
+}
+
+// A bus callback runs inside the bus library's C frames, which an exception
+// must not unwind. An exception that escapes a callback's work ends the
+// process as any uncaught exception does, but std::terminate is called inside
+// the handler, where the terminate handler still sees the exception and logs
+// its text. (Leaving it to the noexcept boundary instead may terminate before
+// the exception counts as caught, and the log would not say why.)
+template <typename Body>
+int terminateOnException(Body&& body) noexcept {
+  try {
+    return body();
+  } catch (...) {
+    std::terminate();
+  }
 }
 
 std::string senderOf(GHashTable* parameters) {
@@ -105,65 +124,77 @@ std::string getActiveCustomerId() {
 }
 
 int handleNudgeEvent(HbusHandleStruct*, const char* name, int, void*) noexcept {
-  logInfo(kMain, "Received NUDGE event: %s.", name);
-  // Only missed events are coalesced: a queued or running poll will fetch
-  // whatever they would have. Push triggers always poll, since they announce
-  // a message that may have arrived after the running poll's last page.
-  if (strcmp(name, kMissedNudge) == 0 && pendingNudgeTasks.load(std::memory_order_seq_cst) > 0) {
-    logInfo(kMain, "Ignoring NUDGE event, because NUDGE tasks are already pending");
+  return terminateOnException([&] {
+    logInfo(kMain, "Received NUDGE event: %s.", name);
+    // Only missed events are coalesced: a queued or running poll will fetch
+    // whatever they would have. Push triggers always poll, since they announce
+    // a message that may have arrived after the running poll's last page.
+    if (strcmp(name, kMissedNudge) == 0 && pendingNudgeTasks.load(std::memory_order_seq_cst) > 0) {
+      logInfo(kMain, "Ignoring NUDGE event, because NUDGE tasks are already pending");
+      return 0;
+    }
+    if (!frameworkIsUp()) {
+      logInfo(kMain, "Ignoring NUDGE event, because framework is not yet up");
+      return 0;
+    }
+    const bool startup = strcmp(name, kMissedNudge) == 0 ||
+                         strcmp(name, "credentialsInstalled") == 0 ||
+                         strcmp(name, "FrameworkStarted") == 0;
+    const WispPollReason& reason = startup ? WispPollReason::NetworkStartup : WispPollReason::NUDGE;
+    pushTask(std::make_unique<NudgeTask>(
+        reason, std::make_shared<WispPollRequestHandler>(getActiveCustomerId())));
     return 0;
-  }
-  if (!frameworkIsUp()) {
-    logInfo(kMain, "Ignoring NUDGE event, because framework is not yet up");
-    return 0;
-  }
-  const bool startup = strcmp(name, kMissedNudge) == 0 ||
-                       strcmp(name, "credentialsInstalled") == 0 ||
-                       strcmp(name, "FrameworkStarted") == 0;
-  const WispPollReason& reason = startup ? WispPollReason::NetworkStartup : WispPollReason::NUDGE;
-  pushTask(std::make_unique<NudgeTask>(
-      reason, std::make_shared<WispPollRequestHandler>(getActiveCustomerId())));
-  return 0;
+  });
 }
 
 int handleMissedNudgeEvent(HbusHandleStruct* handle, const char* name, int value,
                            void* userData) noexcept {
-  logInfo(kMain, "Received missed NUDGE event: %s.", name);
-  if (strcmp(name, "managementStateChanged") == 0 && value != 0) {
-    return 0;
-  }
-  return handleNudgeEvent(handle, kMissedNudge, value, userData);
+  return terminateOnException([&] {
+    logInfo(kMain, "Received missed NUDGE event: %s.", name);
+    if (strcmp(name, "managementStateChanged") == 0 && value != 0) {
+      return 0;
+    }
+    return handleNudgeEvent(handle, kMissedNudge, value, userData);
+  });
 }
 
 int handleConnectionEvent(HbusHandleStruct* handle, const char* name, const char* value,
                           void* userData) noexcept {
-  logInfo(kMain, "Received %s connection event.", value);
-  return handleMissedNudgeEvent(handle, name, 1, userData);
+  return terminateOnException([&] {
+    logInfo(kMain, "Received %s connection event.", value);
+    return handleMissedNudgeEvent(handle, name, 1, userData);
+  });
 }
 
 int handleFrameworkStarted(HbusHandleStruct* handle, const char* name, const char*,
                            void* userData) noexcept {
-  logInfo(kMain, "Received %s event.", name);
-  return handleNudgeEvent(handle, name, 1, userData);
+  return terminateOnException([&] {
+    logInfo(kMain, "Received %s event.", name);
+    return handleNudgeEvent(handle, name, 1, userData);
+  });
 }
 
 int handleRegisterRequest(HbusHandleStruct*, const char*, const char* value, GHashTable* parameters,
                           void*) noexcept {
-  logInfo(kMain, "Received NYX registration request.");
-  pushTask(std::make_unique<NYXRegisterTask>(
-      senderOf(parameters), value ? value : "",
-      std::make_shared<NYXRegistrationRequestHandler>(getActiveCustomerId())));
-  return 0;
+  return terminateOnException([&] {
+    logInfo(kMain, "Received NYX registration request.");
+    pushTask(std::make_unique<NYXRegisterTask>(
+        senderOf(parameters), value ? value : "",
+        std::make_shared<NYXRegistrationRequestHandler>(getActiveCustomerId())));
+    return 0;
+  });
 }
 
 int handleUnregisterRequest(HbusHandleStruct*, const char*, const char*, GHashTable* parameters,
                             void*) noexcept {
-  // "unregtration" is the daemon's established log text; tools match it.
-  logInfo(kMain, "Received NYX unregtration request.");
-  pushTask(std::make_unique<NYXUnregisterTask>(
-      senderOf(parameters),
-      std::make_shared<NYXRegistrationRequestHandler>(getActiveCustomerId())));
-  return 0;
+  return terminateOnException([&] {
+    // "unregtration" is the daemon's established log text; tools match it.
+    logInfo(kMain, "Received NYX unregtration request.");
+    pushTask(std::make_unique<NYXUnregisterTask>(
+        senderOf(parameters),
+        std::make_shared<NYXRegistrationRequestHandler>(getActiveCustomerId())));
+    return 0;
+  });
 }
 
 void registerBusProperties(HbusHandleStruct* handle) {

@@ -13,6 +13,7 @@
 
 #include "corvidutils.h"
 #include "daemon/BusEvents.h"
+#include "daemon/HandOver.h"
 #include "daemon/HbusHandleProvider.h"
 #include "daemon/Logging.h"
 #include "daemon/RootedPath.h"
@@ -57,6 +58,7 @@ void runWorkerLoop() {
     if (!task) {
       continue;
     }
+    acquireFromChannel(taskQueue.get());
     logInfo(kMain, "Processing task.");
     // A signal that came while the loop waited is forgotten once a task
     // arrives; one that comes while the task runs ends the loop after it.

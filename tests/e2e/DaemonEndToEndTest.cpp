@@ -3,6 +3,7 @@
 // or what the fakes record, each with a deadline; none sleeps a fixed time.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -119,6 +120,25 @@ TEST_F(DaemonEndToEndTest, SLOW_StopsWithinTheIdleWaitOnSigterm) {
   ASSERT_EQ(daemon.waitForExit(milliseconds(25000)), 0) << daemon.output();
   EXPECT_EQ(daemon.countLines("I Main: Waiting for tasks."), 1u);
   EXPECT_EQ(daemon.countLines("I Main: Received termination signal."), 1u);
+}
+
+// A registration handler is built in the bus callback and opens the cache
+// there. When that fails, the daemon ends as for any uncaught exception,
+// with the reason in its log, and leaves its restart to the supervisor.
+// (Ending at the callback's noexcept boundary once lost the reason.)
+TEST_F(DaemonEndToEndTest, HandlerThatCannotBeBuiltEndsTheDaemonWithItsReasonInTheLog) {
+  const std::string cache = harness_.root().file("var/local/nyx_registration_cache.db");
+  ASSERT_EQ(mkdir(cache.c_str(), 0700), 0);
+  for (const char* property : {"nyx_register", "nyx_unregister"}) {
+    SCOPED_TRACE(property);
+    ChildProcess& daemon = harness_.startDaemon();
+    harness_.hbus({"set", "cobalt.device.messaging", property, "sender-a"});
+    EXPECT_TRUE(daemon.waitForLine(
+        "E Main: Uncaught exception, terminating: Failed to open " + cache, kDeadline))
+        << daemon.output();
+    EXPECT_EQ(daemon.waitForExit(kDeadline), -SIGABRT);
+    daemon.waitForOutputClosed(kDeadline);
+  }
 }
 
 TEST_F(DaemonEndToEndTest, EventsAreDroppedWhileTheFrameworkIsNotUp) {
