@@ -199,19 +199,19 @@ int runServe(const std::vector<std::string>& args, const sigset_t& stopSignals) 
     if ((option != "--int" && option != "--string") || i + 1 == args.size()) {
       throw UsageError("expected --int NAME=VALUE or --string NAME[=VALUE], not '" + option + "'");
     }
-    const std::string spec = args[++i];
-    const size_t equals = spec.find('=');
-    const std::string name = spec.substr(0, equals);
+    const std::string assignment = args[++i];
+    const size_t equals = assignment.find('=');
+    const std::string name = assignment.substr(0, equals);
     if (name.empty()) {
-      throw UsageError("a property needs a name: '" + spec + "'");
+      throw UsageError("a property needs a name: '" + assignment + "'");
     }
     if (option == "--int") {
       if (equals == std::string::npos) {
-        throw UsageError("--int needs NAME=VALUE: '" + spec + "'");
+        throw UsageError("--int needs NAME=VALUE: '" + assignment + "'");
       }
-      served.ints[name] = parseInt(spec.substr(equals + 1), "the value of " + name);
+      served.ints[name] = parseInt(assignment.substr(equals + 1), "the value of " + name);
     } else {
-      served.strings[name] = equals == std::string::npos ? "" : spec.substr(equals + 1);
+      served.strings[name] = equals == std::string::npos ? "" : assignment.substr(equals + 1);
     }
   }
 
