@@ -1,25 +1,14 @@
 #!/bin/sh
-# Makes a throw-away PKI in DIR for the TLS tests: ca.pem (a test CA),
-# good.pem/good.key and revoked.pem/revoked.key (server certificates for
-# localhost and 127.0.0.1 signed by it) and crl.pem (the CA's revocation
-# list, revoking revoked.pem). EC keys keep it fast.
+# Makes a throw-away PKI in DIR: ca.pem, good.pem/.key and revoked.pem/.key
+# (for localhost and 127.0.0.1, signed by the CA), and crl.pem revoking
+# revoked.pem. EC keys keep it fast.
 set -eu
 cd "$1"
 key() { openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$1" 2>/dev/null; }
-
-cat > ca.cnf <<'CNF'
-[ ca ]
-default_ca = test_ca
-[ test_ca ]
-database = index.txt
-crlnumber = crlnumber
-default_md = sha256
-default_crl_days = 2
-CNF
+printf '[ca]\ndefault_ca=t\n[t]\ndatabase=index.txt\ncrlnumber=crlnumber\ndefault_md=sha256\ndefault_crl_days=2\n' > ca.cnf
 : > index.txt
 echo 01 > crlnumber
 printf 'subjectAltName=DNS:localhost,IP:127.0.0.1\nbasicConstraints=CA:FALSE\n' > server.ext
-
 key ca.key
 openssl req -x509 -new -key ca.key -out ca.pem -days 2 -subj "/CN=nyx test CA" 2>/dev/null
 serial=1000

@@ -1,0 +1,257 @@
+// The property bus on a private dbus-daemon, through the platform's functions
+// and through the hbus tool.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "hbus.h"
+#include "nyx_host_hbus.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using nyxtest::ChildProcess;
+using nyxtest::milliseconds;
+
+class BusEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override { bus_ = std::make_unique<nyxtest::PrivateBus>(); }
+  void TearDown() override { bus_.reset(); }
+
+ private:
+  std::unique_ptr<nyxtest::PrivateBus> bus_;
+};
+const auto* const kBusEnvironment = ::testing::AddGlobalTestEnvironment(new BusEnvironment);
+
+struct HandleCloser {
+  void operator()(HbusHandleStruct* handle) const { HbusClose(handle); }
+};
+using Handle = std::unique_ptr<HbusHandleStruct, HandleCloser>;
+
+Handle open(const char* name) {
+  int status = -1;
+  Handle handle(HbusInitEx(name, &status));
+  EXPECT_EQ(status, 0);
+  return handle;
+}
+
+// The writes the handlers saw ("property=value[ from SENDER]") and their threads.
+struct Recorder {
+  std::mutex mutex;
+  std::vector<std::string> writes;
+  std::vector<std::thread::id> threads;
+
+  void add(const std::string& write) {
+    std::lock_guard<std::mutex> lock(mutex);
+    writes.push_back(write);
+    threads.push_back(std::this_thread::get_id());
+  }
+  std::vector<std::string> seen() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return writes;
+  }
+};
+
+int onString(HbusHandleStruct*, const char* property, const char* value, void* data) {
+  static_cast<Recorder*>(data)->add(std::string(property) + "=" + value);
+  return 0;
+}
+
+int onStringNew(HbusHandleStruct*, const char* property, const char* value, GHashTable* parameters,
+                void* data) {
+  const char* sender = static_cast<const char*>(g_hash_table_lookup(parameters, "sender"));
+  static_cast<Recorder*>(data)->add(std::string(property) + "=" + value + " from " +
+                                    (sender != nullptr ? sender : "?"));
+  return 0;
+}
+
+int onInt(HbusHandleStruct*, const char* property, int value, void* data) {
+  static_cast<Recorder*>(data)->add(std::string(property) + "=" + std::to_string(value));
+  return 0;
+}
+
+int refuseWith42(HbusHandleStruct*, const char*, const char*, void*) { return 42; }
+
+int answerSlowly(HbusHandleStruct*, const char*, const char*, void*) {
+  std::this_thread::sleep_for(milliseconds(600));
+  return 0;
+}
+
+int readAnswer(HbusHandleStruct*, const char*, int* value, void*) {
+  *value = 42;
+  return 0;
+}
+
+constexpr char kService[] = "nyx.test.service";
+
+class ServiceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    service_ = open(kService);
+    ASSERT_TRUE(service_);
+    HbusRegisterStringProperty(service_.get(), "plain", nullptr, onString, &recorder_);
+    HbusRegisterStringPropertyNew(service_.get(), "request", nullptr, onStringNew, &recorder_);
+    HbusRegisterIntProperty(service_.get(), "count", nullptr, onInt, &recorder_);
+    HbusRegisterIntProperty(service_.get(), "answer", readAnswer, nullptr, nullptr);
+    HbusRegisterStringProperty(service_.get(), "refused", nullptr, refuseWith42, nullptr);
+    HbusRegisterStringProperty(service_.get(), "slow", nullptr, answerSlowly, nullptr);
+    caller_ = open(nullptr);
+  }
+
+  Recorder recorder_;
+  Handle service_;
+  Handle caller_;
+};
+
+struct StatusCase {
+  const char* what;
+  const char* service;
+  const char* method;
+  const char* property;
+  const char* value;  // written, or expected to be read
+  int expected;
+};
+
+TEST_F(ServiceTest, CallerStatusFollowsTheStatusTable) {
+  ASSERT_EQ(HbusStartListener(service_.get()), 0);
+  const StatusCase cases[] = {
+      {"accepted write", kService, "SetString", "plain", "grüße", 0},
+      {"written value reads back", kService, "GetString", "plain", "grüße", 0},
+      {"accepted int write", kService, "SetInt", "count", "-7", 0},
+      {"read through a read handler", kService, "GetInt", "answer", "42", 0},
+      {"unknown property", kService, "SetString", "missing", "x", 8},
+      {"int write to a string property", kService, "SetInt", "plain", "1", 8},
+      {"string write to an int property", kService, "SetString", "count", "1", 8},
+      {"service without /hbus", "org.freedesktop.DBus", "SetString", "plain", "x", 8},
+      {"handler status", kService, "SetString", "refused", "x", 42},
+      {"name without owner", "nyx.test.nobody", "SetString", "plain", "x", 3},
+      {"invalid bus name", "not a bus name", "SetString", "plain", "x", 3},
+      {"value not UTF-8", kService, "SetString", "plain", "caf\xc3", 1},
+      {"no reply within the time-out", kService, "SetString", "slow", "x", 1},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.what);
+    const std::string method = row.method;
+    nyxtest::ScopedEnv timeout("HBUS_TIMEOUT_MS",
+                               std::string(row.property) == "slow" ? "300" : "10000");
+    int status = -1;
+    if (method == "SetString") {
+      status = HbusSetStringProperty(caller_.get(), row.service, row.property, row.value);
+    } else if (method == "SetInt") {
+      status = HbusSetIntProperty(caller_.get(), row.service, row.property, std::stoi(row.value));
+    } else if (method == "GetInt") {
+      int value = 0;
+      status = HbusGetIntProperty(caller_.get(), row.service, row.property, &value);
+      EXPECT_EQ(std::to_string(value), row.value);
+    } else {
+      char* value = nullptr;
+      status = HbusGetStringProperty(caller_.get(), row.service, row.property, &value);
+      EXPECT_STREQ(value, row.value);
+      g_free(value);
+    }
+    EXPECT_EQ(status, row.expected);
+  }
+  EXPECT_EQ(recorder_.seen(), (std::vector<std::string>{"plain=grüße", "count=-7"}));
+}
+
+TEST_F(ServiceTest, WritesWaitForTheListenerRunOnItAndNameTheirSender) {
+  Handle named = open("nyx.test.writer");
+  std::thread early(
+      [&] { EXPECT_EQ(HbusSetStringProperty(named.get(), kService, "request", "early"), 0); });
+  EXPECT_FALSE(nyxtest::waitUntil([this] { return !recorder_.seen().empty(); }, milliseconds(300)));
+  EXPECT_EQ(HbusStartListener(service_.get()), 0);
+  early.join();
+  ASSERT_EQ(HbusSetStringProperty(caller_.get(), kService, "request", "late"), 0);
+  const std::string sender = nyx_host_hbus_unique_name(caller_.get());
+  EXPECT_EQ(sender.rfind(":", 0), 0u);
+  EXPECT_EQ(recorder_.seen(),
+            (std::vector<std::string>{
+                "request=early from " + std::string(nyx_host_hbus_unique_name(named.get())),
+                "request=late from " + sender}));
+  {
+    std::lock_guard<std::mutex> lock(recorder_.mutex);
+    EXPECT_EQ(recorder_.threads.at(0), recorder_.threads.at(1));
+    EXPECT_NE(recorder_.threads.at(0), std::this_thread::get_id());
+  }
+  // An answer written to the sender reaches the caller's own object.
+  Recorder answers;
+  HbusRegisterStringProperty(caller_.get(), "reply", nullptr, onString, &answers);
+  ASSERT_EQ(HbusStartListener(caller_.get()), 0);
+  EXPECT_EQ(HbusSetStringProperty(service_.get(), sender.c_str(), "reply", "done"), 0);
+  EXPECT_EQ(answers.seen(), std::vector<std::string>{"reply=done"});
+  caller_.reset();
+}
+
+struct ToolCase {
+  std::vector<std::string> args;
+  int status;          // -1: any failure
+  const char* output;  // nullptr: not checked
+};
+
+int runHbus(const std::vector<std::string>& args, std::string* output) {
+  ChildProcess::Options options;
+  options.argv = {nyxtest::binaryDir() + "/tools/hbus/hbus"};
+  options.argv.insert(options.argv.end(), args.begin(), args.end());
+  options.projectBinary = true;
+  ChildProcess child(options);
+  const auto status = child.waitForExit(milliseconds(15000));
+  child.waitForOutputClosed(milliseconds(1000));
+  *output = child.output();
+  return status.value_or(-1000);
+}
+
+TEST(HbusToolTest, ServesSetsAndGetsWithTheBusStatusAsExitStatus) {
+  ChildProcess::Options options;
+  options.argv = {nyxtest::binaryDir() + "/tools/hbus/hbus",
+                  "serve",
+                  "nyx.tool.demo",
+                  "--string",
+                  "greeting",
+                  "--int",
+                  "level=3"};
+  options.projectBinary = true;
+  ChildProcess server(options);
+  ASSERT_TRUE(server.waitForLine("serving nyx.tool.demo as :", milliseconds(10000)))
+      << server.output();
+  const ToolCase cases[] = {
+      {{"get-int", "nyx.tool.demo", "level"}, 0, "3\n"},
+      {{"set", "nyx.tool.demo", "greeting", "hello world"}, 0, ""},
+      {{"get", "nyx.tool.demo", "greeting"}, 0, "hello world\n"},
+      {{"set-int", "nyx.tool.demo", "level", "-9"}, 0, ""},
+      {{"get-int", "nyx.tool.demo", "level"}, 0, "-9\n"},
+      {{"set", "nyx.tool.demo", "unknown", "x"}, 8, nullptr},
+      {{"serve", "nyx.tool.demo"}, -1, nullptr},
+      {{"set", "no.such.service", "x", "y"}, 3, nullptr},
+      {{"get", "no..such", "x"}, 3, nullptr},
+      {{}, 2, nullptr},
+      {{"frob", "a", "b"}, 2, nullptr},
+      {{"set", "nyx.tool.demo", "greeting"}, 2, nullptr},
+      {{"set-int", "nyx.tool.demo", "level", "ten"}, 2, nullptr},
+      {{"serve", "nyx.tool.x", "--int", "n"}, 2, nullptr},
+      {{"--help"}, 0, nullptr},
+  };
+  for (const auto& row : cases) {
+    std::string output;
+    const int status = runHbus(row.args, &output);
+    SCOPED_TRACE(testing::PrintToString(row.args) + "\n" + output);
+    if (row.status < 0) {
+      EXPECT_GT(status, 0);
+    } else {
+      EXPECT_EQ(status, row.status);
+    }
+    if (row.output != nullptr) {
+      EXPECT_EQ(output, row.output);
+    }
+  }
+  EXPECT_TRUE(server.waitForLine("write greeting \"hello world\" from :", milliseconds(5000)));
+  EXPECT_TRUE(server.waitForLine("write level -9 from :", milliseconds(5000))) << server.output();
+  server.signal(SIGTERM);
+  EXPECT_EQ(server.waitForExit(milliseconds(5000)), 0);
+}
+
+}  // namespace

@@ -1,0 +1,298 @@
+// The host platform against real components: files under a temporary NYX_ROOT,
+// Python's hmac, a second process holding the lock, a notification socket and
+// local HTTPS servers (openssl s_server) with certificates made for this run.
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "conn.h"
+#include "corvidutils.h"
+#include "curl_extras.h"
+#include "daemon_monitor.h"
+#include "dynconfig.h"
+#include "libauth.h"
+#include "nyx_host_monitor.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using nyxtest::ChildProcess;
+using nyxtest::milliseconds;
+
+std::string take(char* text) {
+  std::string copy(text);
+  std::free(text);
+  return copy;
+}
+
+// What the platform reads from one of its files: a dynconfig value, the
+// customer, or "INTERFACE HOST:PORT" from the network file.
+std::optional<std::string> lookUp(const std::string& file, const char* key) {
+  char* text = nullptr;
+  if (file == "dynconfig") {
+    return getDynamicConfigValue(key, &text) == 0 ? std::optional(take(text)) : std::nullopt;
+  }
+  if (file == "customer") {
+    text = libauth_getActiveCustomerID();
+    return text != nullptr ? std::optional(take(text)) : std::nullopt;
+  }
+  std::string network = std::to_string(ConActiveInterface());
+  if (ConProxyData* proxy = ConGetNetworkProxy()) {
+    network += " " + take(proxy->host) + ":" + (proxy->port != nullptr ? take(proxy->port) : "-");
+    std::free(proxy->reserved);
+    std::free(proxy);
+  }
+  return network;
+}
+
+// One root for all rows, so each row also shows that the file is read anew.
+TEST(DeviceFilesTest, AreParsedAndReadAnewAtEveryCall) {
+  nyxtest::NyxRoot root;
+  const struct {
+    const char *file, *content;  // content nullptr: no file
+    std::optional<std::string> expected;
+  } cases[] = {
+      {"dynconfig", "url=https://a\n", "https://a"},
+      {"dynconfig", "  url \t=  https://h/p?a=1&b=2  \r\n", "https://h/p?a=1&b=2"},
+      {"dynconfig", "url=one\n# url=x\n\n  \nurl=two", "two"},
+      {"dynconfig", "#url=one\nurl\nurl2=3\n", std::nullopt},
+      {"dynconfig", "url=\n", ""},
+      {"dynconfig", nullptr, std::nullopt},
+      {"network", nullptr, "1"},
+      {"network", "interface=2\nproxy=proxy.lan:3128\n", "2 proxy.lan:3128"},
+      {"network", "proxy=[::1]:8080\ninterface=wifi\n", "1 [::1]:8080"},
+      {"network", "proxy=[::1]\n", "1 [::1]:-"},
+      {"customer", " cust-1 \nother\n", "cust-1"},
+      {"customer", "\ncust-1\n", std::nullopt},
+      {"customer", nullptr, std::nullopt},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(std::string(row.file) + ": " + (row.content != nullptr ? row.content : "none"));
+    std::remove(root.file("etc/nyx-host/" + std::string(row.file)).c_str());
+    if (row.content != nullptr) {
+      root.writePlatformFile(row.file, row.content);
+    }
+    EXPECT_EQ(lookUp(row.file, "url"), row.expected);
+  }
+}
+
+// Python's HMAC-SHA256 of the canonical text, then of the body alone.
+std::vector<std::string> pythonHmacs(const std::vector<std::string>& inputs) {
+  ChildProcess::Options options;
+  options.argv = {"python3", "-c",
+                  "import hashlib, hmac, os, sys\n"
+                  "key, method, target, date, customer, body = map(os.fsencode, sys.argv[1:])\n"
+                  "digest = hashlib.sha256(body).hexdigest().encode()\n"
+                  "for text in (b'\\n'.join([method, target, date, customer, digest]), body):\n"
+                  "    print(hmac.new(key, text, hashlib.sha256).hexdigest())\n"};
+  options.argv.insert(options.argv.end(), inputs.begin(), inputs.end());
+  ChildProcess python(options);
+  EXPECT_EQ(python.waitForExit(milliseconds(10000)), 0) << python.output();
+  python.waitForOutputClosed(milliseconds(1000));
+  return python.lines();
+}
+
+TEST(SigningTest, HeadersCarryAnHmacThatPythonComputesAlike) {
+  nyxtest::NyxRoot root;
+  GHashTable* table = nullptr;
+  EXPECT_NE(libauth_getProxyHeaders(&table, "/", "GET", "", 0, nullptr), 0) << "no credentials";
+  EXPECT_EQ(libauth_getSignedDigest(reinterpret_cast<const unsigned char*>("x"), 1, "c"), nullptr);
+  root.writePlatformFile("device-serial", "SERIAL-0001\n");
+  root.writePlatformFile("device-secret", "s3cret key\n");
+  const struct {
+    const char *method, *url, *target, *body, *customer;  // target nullptr: not an absolute URL
+  } cases[] = {
+      {"GET", "https://h:8443/v1/messages?page=1", "/v1/messages?page=1", "", nullptr},
+      {"POST", "https://u:pw@h/a/b?x=1&y=2#f", "/a/b?x=1&y=2#f", "{\"a\":[1,2]}", "cust-7"},
+      {"POST", "http://[::1]:8080/v1/register", "/v1/register", "grüße \x01", "c"},
+      {"GET", "https://h", "/", "", nullptr},
+      {"GET", "https://h:8443?a=1", "/?a=1", "", "c"},
+      {"GET", "https://h#top", "/#top", "", nullptr},
+      {"GET", "/relative/path", nullptr, "", nullptr},
+      {"GET", "not a url", nullptr, "", nullptr},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.url);
+    char* target = libauth_getPathQueryFragmentFromURL(row.url);
+    EXPECT_STREQ(target, row.target);
+    if (target == nullptr || row.target == nullptr) {
+      continue;
+    }
+    const std::string body = row.body;
+    ASSERT_EQ(libauth_getProxyHeaders(&table, take(target).c_str(), row.method, body.data(),
+                                      body.size(), row.customer),
+              0);
+    auto header = [table](const char* name) {
+      const auto* value = static_cast<const char*>(g_hash_table_lookup(table, name));
+      return std::string(value != nullptr ? value : "(none)");
+    };
+    const std::string date = header("X-Device-Date");
+    EXPECT_TRUE(g_regex_match_simple("^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ$", date.c_str(),
+                                     G_REGEX_DEFAULT, G_REGEX_MATCH_DEFAULT))
+        << date;
+    EXPECT_EQ(header("X-Device-Serial"), "SERIAL-0001");
+    EXPECT_EQ(header("X-Device-Customer"), row.customer != nullptr ? row.customer : "(none)");
+    EXPECT_EQ(g_hash_table_size(table), row.customer != nullptr ? 4u : 3u);
+    char* digest = libauth_getSignedDigest(reinterpret_cast<const unsigned char*>(body.data()),
+                                           body.size(), "c");
+    ASSERT_NE(digest, nullptr);
+    const std::vector<std::string> ours = {header("X-Device-Signature"), digest};
+    delete[] digest;
+    g_hash_table_destroy(table);
+    EXPECT_EQ(pythonHmacs({"s3cret key", row.method, row.target, date,
+                           row.customer != nullptr ? row.customer : "", body}),
+              ours);
+  }
+}
+
+TEST(SingletonTest, AnotherProcessHoldingTheLockKeepsUsOutUntilItDies) {
+  nyxtest::TempDir dir;
+  const std::string path = dir.path() + "/nyx.pid";
+  ChildProcess::Options options;
+  options.argv = {"python3", "-c",
+                  "import fcntl, sys, time\n"
+                  "f = open(sys.argv[1], 'a')\n"
+                  "fcntl.flock(f, fcntl.LOCK_EX)\n"
+                  "print('locked', flush=True)\n"
+                  "time.sleep(60)\n",
+                  path};
+  auto holder = std::make_unique<ChildProcess>(options);
+  ASSERT_TRUE(holder->waitForLine("locked", milliseconds(10000))) << holder->output();
+  EXPECT_LT(corvid_daemon_checksingleton(path.c_str()), 0);
+  holder.reset();  // killed: its lock goes, its file stays
+
+  const int token = corvid_daemon_checksingleton(path.c_str());
+  ASSERT_GE(token, 0);
+  EXPECT_EQ(nyxtest::readFile(path), std::to_string(getpid()) + "\n");
+  EXPECT_LT(corvid_daemon_checksingleton(path.c_str()), 0) << "the lock is the open file's";
+  corvid_daemon_cleansingleton(path.c_str(), token);
+  EXPECT_NE(access(path.c_str(), F_OK), 0);
+  EXPECT_LT(corvid_daemon_checksingleton("/nonexistent-dir/nyx.pid"), 0);
+}
+
+TEST(DaemonMonitorTest, SendsStatusAndReadyOnceToTheNotifySocket) {
+  nyxtest::TempDir dir;
+  const std::string path = dir.path() + "/notify";
+  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  nyxtest::ScopedEnv notifySocket("NOTIFY_SOCKET", path);
+
+  initialize("cobalt.device.messaging", 60);
+  incrementProcessActivity();  // a task created during start-up
+  decrementProcessActivity();
+  decrementProcessActivity();  // start-up over
+  EXPECT_EQ(nyx_host_monitor_activity_count(), 0);
+  incrementProcessActivity();  // later tasks never repeat READY
+  decrementProcessActivity();
+
+  std::vector<std::string> received;
+  char buffer[4096];
+  pollfd ready{fd, POLLIN, 0};
+  while (poll(&ready, 1, 500) == 1) {
+    const ssize_t got = recv(fd, buffer, sizeof buffer, 0);
+    received.emplace_back(buffer, got > 0 ? got : 0);
+  }
+  close(fd);
+  EXPECT_EQ(received,
+            (std::vector<std::string>{"STATUS=activities: 1", "STATUS=activities: 2",
+                                      "STATUS=activities: 1", "READY=1\nSTATUS=activities: 0",
+                                      "STATUS=activities: 1", "STATUS=activities: 0"}));
+}
+
+size_t discard(char*, size_t size, size_t count, void*) { return size * count; }
+
+// A GET through the TLS-context callback, as the daemon's transport makes it.
+CURLcode fetch(int port, const std::string& host) {
+  CURL* curl = curl_easy_init();
+  const std::string resolve = host + ":" + std::to_string(port) + ":127.0.0.1";
+  curl_slist* resolveList = curl_slist_append(nullptr, resolve.c_str());
+  const std::string url = "https://" + host + ":" + std::to_string(port) + "/";
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_RESOLVE, resolveList);
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT, 10L);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, discard);
+  curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION, getRevocationSslCxtCb());
+  const CURLcode result = curl_easy_perform(curl);
+  curl_slist_free_all(resolveList);
+  curl_easy_cleanup(curl);
+  return result;
+}
+
+TEST(TlsTest, TrustsCaPemAndRefusesRevokedOrMisnamedServers) {
+  nyxtest::TempDir pki;
+  ChildProcess::Options make;
+  make.argv = {"sh", nyxtest::sourceDir() + "/tests/platform/make-test-pki.sh", pki.path()};
+  ASSERT_EQ(ChildProcess(make).waitForExit(milliseconds(30000)), 0);
+  std::map<std::string, int> ports;
+  std::vector<std::unique_ptr<ChildProcess>> servers;
+  for (const std::string name : {"good", "revoked"}) {
+    ChildProcess::Options serve;
+    serve.argv = {"openssl",
+                  "s_server",
+                  "-www",
+                  "-accept",
+                  "127.0.0.1:0",
+                  "-cert",
+                  pki.path() + "/" + name + ".pem",
+                  "-key",
+                  pki.path() + "/" + name + ".key"};
+    servers.push_back(std::make_unique<ChildProcess>(serve));
+    ASSERT_TRUE(servers.back()->waitForLine("ACCEPT", milliseconds(10000)));
+    for (const auto& line : servers.back()->lines()) {
+      if (line.rfind("ACCEPT 127.0.0.1:", 0) == 0) {
+        ports[name] = std::stoi(line.substr(17));
+      }
+    }
+  }
+  const std::string crl = nyxtest::readFile(pki.path() + "/crl.pem");
+  const CURLcode refused = CURLE_PEER_FAILED_VERIFICATION;
+  const struct {
+    const char *what, *server, *host;
+    bool caPem;
+    const char* crlPem;  // nullptr: no file
+    CURLcode expected;
+  } cases[] = {
+      {"trusted only through ca.pem", "good", "localhost", true, nullptr, CURLE_OK},
+      {"CA unknown without ca.pem", "good", "localhost", false, nullptr, refused},
+      {"revoked, but no CRL", "revoked", "localhost", true, nullptr, CURLE_OK},
+      {"revoked with crl.pem", "revoked", "localhost", true, crl.c_str(), refused},
+      {"good with crl.pem", "good", "localhost", true, crl.c_str(), CURLE_OK},
+      {"unreadable crl.pem", "revoked", "localhost", true, "not a CRL\n", CURLE_SSL_CRL_BADFILE},
+      {"wrong host name", "good", "wrong.example", true, nullptr, refused},
+      {"trusted again after the CRL goes", "revoked", "localhost", true, nullptr, CURLE_OK},
+  };
+  // One root for all rows: the callback must follow the files as they change.
+  nyxtest::NyxRoot root;
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.what);
+    const std::string ca = root.file("etc/nyx-host/tls/ca.pem");
+    const std::string crlPath = root.file("etc/nyx-host/tls/crl.pem");
+    std::remove(ca.c_str());
+    std::remove(crlPath.c_str());
+    if (row.caPem) {
+      nyxtest::writeFile(ca, nyxtest::readFile(pki.path() + "/ca.pem"));
+    }
+    if (row.crlPem != nullptr) {
+      nyxtest::writeFile(crlPath, row.crlPem);
+    }
+    EXPECT_EQ(fetch(ports.at(row.server), row.host), row.expected);
+  }
+}
+
+}  // namespace
