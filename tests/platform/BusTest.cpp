@@ -18,13 +18,10 @@ namespace {
 using nyxtest::ChildProcess;
 using nyxtest::milliseconds;
 
-class BusEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override { bus_ = std::make_unique<nyxtest::PrivateBus>(); }
-  void TearDown() override { bus_.reset(); }
-
- private:
-  std::unique_ptr<nyxtest::PrivateBus> bus_;
+struct BusEnvironment : ::testing::Environment {
+  void SetUp() override { bus = std::make_unique<nyxtest::PrivateBus>(); }
+  void TearDown() override { bus.reset(); }
+  std::unique_ptr<nyxtest::PrivateBus> bus;
 };
 const auto* const kBusEnvironment = ::testing::AddGlobalTestEnvironment(new BusEnvironment);
 
@@ -46,10 +43,12 @@ struct Recorder {
   std::vector<std::string> writes;
   std::vector<std::thread::id> threads;
 
-  void add(const std::string& write) {
-    std::lock_guard<std::mutex> lock(mutex);
-    writes.push_back(write);
-    threads.push_back(std::this_thread::get_id());
+  static int add(void* recorder, const std::string& write) {
+    auto* self = static_cast<Recorder*>(recorder);
+    std::lock_guard<std::mutex> lock(self->mutex);
+    self->writes.push_back(write);
+    self->threads.push_back(std::this_thread::get_id());
+    return 0;
   }
   std::vector<std::string> seen() {
     std::lock_guard<std::mutex> lock(mutex);
@@ -58,21 +57,17 @@ struct Recorder {
 };
 
 int onString(HbusHandleStruct*, const char* property, const char* value, void* data) {
-  static_cast<Recorder*>(data)->add(std::string(property) + "=" + value);
-  return 0;
+  return Recorder::add(data, std::string(property) + "=" + value);
 }
 
 int onStringNew(HbusHandleStruct*, const char* property, const char* value, GHashTable* parameters,
                 void* data) {
   const char* sender = static_cast<const char*>(g_hash_table_lookup(parameters, "sender"));
-  static_cast<Recorder*>(data)->add(std::string(property) + "=" + value + " from " +
-                                    (sender != nullptr ? sender : "?"));
-  return 0;
+  return Recorder::add(data, std::string(property) + "=" + value + " from " + sender);
 }
 
 int onInt(HbusHandleStruct*, const char* property, int value, void* data) {
-  static_cast<Recorder*>(data)->add(std::string(property) + "=" + std::to_string(value));
-  return 0;
+  return Recorder::add(data, std::string(property) + "=" + std::to_string(value));
 }
 
 int refuseWith42(HbusHandleStruct*, const char*, const char*, void*) { return 42; }
@@ -108,18 +103,12 @@ class ServiceTest : public ::testing::Test {
   Handle caller_;
 };
 
-struct StatusCase {
-  const char* what;
-  const char* service;
-  const char* method;
-  const char* property;
-  const char* value;  // written, or expected to be read
-  int expected;
-};
-
 TEST_F(ServiceTest, CallerStatusFollowsTheStatusTable) {
   ASSERT_EQ(HbusStartListener(service_.get()), 0);
-  const StatusCase cases[] = {
+  const struct {
+    const char *what, *service, *method, *property, *value;  // value: written, or expected
+    int expected;
+  } cases[] = {
       {"accepted write", kService, "SetString", "plain", "grüße", 0},
       {"written value reads back", kService, "GetString", "plain", "grüße", 0},
       {"accepted int write", kService, "SetInt", "count", "-7", 0},
@@ -187,38 +176,23 @@ TEST_F(ServiceTest, WritesWaitForTheListenerRunOnItAndNameTheirSender) {
   caller_.reset();
 }
 
-struct ToolCase {
-  std::vector<std::string> args;
-  int status;          // -1: any failure
-  const char* output;  // nullptr: not checked
-};
-
-int runHbus(const std::vector<std::string>& args, std::string* output) {
+ChildProcess::Options hbus(const std::vector<std::string>& args) {
   ChildProcess::Options options;
   options.argv = {nyxtest::binaryDir() + "/tools/hbus/hbus"};
   options.argv.insert(options.argv.end(), args.begin(), args.end());
   options.projectBinary = true;
-  ChildProcess child(options);
-  const auto status = child.waitForExit(milliseconds(15000));
-  child.waitForOutputClosed(milliseconds(1000));
-  *output = child.output();
-  return status.value_or(-1000);
+  return options;
 }
 
 TEST(HbusToolTest, ServesSetsAndGetsWithTheBusStatusAsExitStatus) {
-  ChildProcess::Options options;
-  options.argv = {nyxtest::binaryDir() + "/tools/hbus/hbus",
-                  "serve",
-                  "nyx.tool.demo",
-                  "--string",
-                  "greeting",
-                  "--int",
-                  "level=3"};
-  options.projectBinary = true;
-  ChildProcess server(options);
+  ChildProcess server(hbus({"serve", "nyx.tool.demo", "--string", "greeting", "--int", "level=3"}));
   ASSERT_TRUE(server.waitForLine("serving nyx.tool.demo as :", milliseconds(10000)))
       << server.output();
-  const ToolCase cases[] = {
+  const struct {
+    std::vector<std::string> args;
+    int status;          // -1: any failure
+    const char* output;  // nullptr: not checked
+  } cases[] = {
       {{"get-int", "nyx.tool.demo", "level"}, 0, "3\n"},
       {{"set", "nyx.tool.demo", "greeting", "hello world"}, 0, ""},
       {{"get", "nyx.tool.demo", "greeting"}, 0, "hello world\n"},
@@ -227,17 +201,17 @@ TEST(HbusToolTest, ServesSetsAndGetsWithTheBusStatusAsExitStatus) {
       {{"set", "nyx.tool.demo", "unknown", "x"}, 8, nullptr},
       {{"serve", "nyx.tool.demo"}, -1, nullptr},
       {{"set", "no.such.service", "x", "y"}, 3, nullptr},
-      {{"get", "no..such", "x"}, 3, nullptr},
       {{}, 2, nullptr},
       {{"frob", "a", "b"}, 2, nullptr},
-      {{"set", "nyx.tool.demo", "greeting"}, 2, nullptr},
       {{"set-int", "nyx.tool.demo", "level", "ten"}, 2, nullptr},
       {{"serve", "nyx.tool.x", "--int", "n"}, 2, nullptr},
       {{"--help"}, 0, nullptr},
   };
   for (const auto& row : cases) {
-    std::string output;
-    const int status = runHbus(row.args, &output);
+    ChildProcess child(hbus(row.args));
+    const int status = child.waitForExit(milliseconds(15000)).value_or(-1000);
+    child.waitForOutputClosed(milliseconds(1000));
+    const std::string output = child.output();
     SCOPED_TRACE(testing::PrintToString(row.args) + "\n" + output);
     if (row.status < 0) {
       EXPECT_GT(status, 0);
