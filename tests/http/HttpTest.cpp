@@ -1,0 +1,429 @@
+// The retry loop against a scripted transport that records its waits, the
+// error types, the request value, and the curl transports and the signer
+// against local servers (the Device* part on the host platform).
+#include <curl/curl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "http/HttpErrors.h"
+#include "http/TesselCurlHttpClient.h"
+#include "http/TesselRequestSigner.h"
+#include "tests/support/LocalHttpServer.h"
+
+namespace {
+
+using Headers = std::vector<std::pair<std::string, std::string>>;
+using nyxtest::HttpAnswer;
+using nyxtest::LocalHttpServer;
+
+// A transport failure of a type of its own, so that a sliced copy shows.
+struct TransportError : IOError {
+  using IOError::IOError;
+};
+
+// A step is "!text" (TransportError), "?text" (std::runtime_error) or
+// "STATUS [Name: value]".
+WebResponse answer(const std::string& step) {
+  if (step[0] == '!') throw TransportError(step.substr(1));
+  if (step[0] == '?') throw std::runtime_error(step.substr(1));
+  WebResponse response;
+  response.setStatusCode(std::stoul(step));
+  const size_t space = step.find(' '), colon = step.find(": ");
+  if (colon != std::string::npos) {
+    response.setHeader(step.substr(space + 1, colon - space - 1), step.substr(colon + 2));
+  }
+  return response;
+}
+
+WebRequest request(const std::string& url, const RequestMethod& method = RequestMethod::GET,
+                   const std::string& body = "") {
+  WebRequest request;
+  request.setUrl(url);
+  request.setMethod(method);
+  request.setBody(body);
+  return request;
+}
+
+// How a call ended: "returns N", "ClientError N", "ServerError N",
+// "IOError text" (a TransportError: "transport text"), else "other text".
+std::string outcome(const std::function<WebResponse()>& call) {
+  try {
+    return "returns " + std::to_string(call().getStatusCode());
+  } catch (const ServerError& e) {
+    return "ServerError " + std::to_string(e.getResponse().getStatusCode());
+  } catch (const ClientError& e) {
+    return "ClientError " + std::to_string(e.getResponse().getStatusCode());
+  } catch (const IOError& e) {
+    return std::string(dynamic_cast<const TransportError*>(&e) ? "transport " : "IOError ") +
+           e.what();
+  } catch (const std::exception& e) {
+    return std::string("other ") + e.what();
+  }
+}
+
+class ScriptedClient : public HttpClient {
+ public:
+  explicit ScriptedClient(std::vector<std::string> steps) : steps_(std::move(steps)) {}
+  WebResponse perform(const WebRequest&) override {
+    return answer(performed < steps_.size() ? steps_[performed++] : "?performed too often");
+  }
+  void waitSeconds(unsigned int seconds) override { waits.push_back(seconds); }
+  std::string run(uint32_t maxRetries) {
+    WebRequest sent = request("https://messaging.example/poll");
+    sent.setMaxRetries(maxRetries);
+    return outcome([&] { return execute(sent); });
+  }
+
+  size_t performed = 0;
+  std::vector<unsigned int> waits;
+
+ private:
+  std::vector<std::string> steps_;
+};
+
+TEST(HttpClientTest, RetriesOnTheScheduleAndEndsWithTheRightOutcome) {
+  struct Case {
+    uint32_t maxRetries;
+    std::vector<std::string> steps;
+    std::vector<std::pair<unsigned, unsigned>> waits;  // inclusive bounds, in order
+    std::string outcome;
+  };
+  const Case cases[] = {
+      {3, {"!e1", "!e2", "!e3", "!e4"}, {{5, 9}, {10, 19}, {20, 39}}, "transport e4"},
+      {6,  // the last attempt waits too
+       {"500", "502", "503", "504", "500", "500", "599"},
+       {{5, 9}, {10, 19}, {20, 39}, {40, 79}, {80, 159}, {160, 299}, {160, 299}},
+       "ServerError 599"},
+      {1, {"503 retry-after: 120", "503"}, {{120, 239}, {240, 299}}, "ServerError 503"},
+      {3, {"503 Retry-After: 301"}, {}, "ServerError 503"},
+      {3, {"503 Retry-After: -1"}, {}, "ServerError 503"},
+      {1, {"503 Retry-After: 300", "503"}, {{300, 300}, {300, 300}}, "ServerError 503"},
+      {0, {"503 Retry-After: Wed, 21 Oct 2015 07:28:00 GMT"}, {{5, 9}}, "ServerError 503"},
+      {2, {"!e1", "503 Retry-After: 2", "200"}, {{5, 9}, {10, 19}}, "returns 200"},
+      {3, {"499 Retry-After: 1"}, {}, "ClientError 499"},
+      {3, {"302"}, {}, "returns 302"},
+      {3, {"?Failed to initialize curl"}, {}, "other Failed to initialize curl"},
+      {UINT32_MAX, {}, {}, "returns 0"},  // the attempt count wraps to 0
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE("case " + std::to_string(&c - cases));
+    // Each wait has a random part: run often enough that a wrong bound shows.
+    std::set<unsigned> firstWaits;
+    for (int run = 0; run < 200; ++run) {
+      ScriptedClient client(c.steps);
+      ASSERT_EQ(client.run(c.maxRetries), c.outcome);
+      EXPECT_EQ(client.performed, c.steps.size());
+      ASSERT_EQ(client.waits.size(), c.waits.size());
+      for (size_t i = 0; i < c.waits.size(); ++i) {
+        EXPECT_GE(client.waits[i], c.waits[i].first) << "wait " << i;
+        EXPECT_LE(client.waits[i], c.waits[i].second) << "wait " << i;
+      }
+      if (!c.waits.empty()) firstWaits.insert(client.waits[0]);
+    }
+    EXPECT_EQ(firstWaits.size() > 1, !c.waits.empty() && c.waits[0].first != c.waits[0].second);
+  }
+}
+
+TEST(HttpClientTest, LogsEachAttemptAndWhyItRetries) {
+  nyxtest::LogCapture log;
+  ScriptedClient client({"!Timeout was reached: slow", "503", "503 Retry-After: 301"});
+  client.run(3);
+  client.HttpClient::waitSeconds(0);
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                             "INFO HttpClient: Making request to https://messaging.example/poll",
+                             "ERROR HttpClient: IOError: Timeout was reached: slow",
+                             "INFO HttpClient: Retry 1", "INFO HttpClient: Retry 2",
+                             "ERROR HttpClient: Server retry of 301 is too long, try again later",
+                             "INFO HttpClient: Waiting for 0 seconds before next attempt"}));
+}
+
+TEST(HttpErrorsTest, MessagesListStatusHeadersAndBodyAndRaiseKeepsTheType) {
+  WebResponse response = answer("500 X-Id: 7");
+  response.setHeader("content-type", "text/plain");
+  response.setBody(std::string("not\0here", 8));
+  // Headers in map order; what() is a C string, so it ends at a zero byte.
+  const std::string expected = "Status Code: 500\ncontent-type: text/plain\nX-Id: 7\nnot";
+  EXPECT_EQ(ClientError(response).what(), expected);
+  EXPECT_EQ(ServerError(response).what(), expected);
+  EXPECT_EQ(ServerError(response).getResponse().getBody(), response.getBody());
+  const ServerError server(response);
+  const IOError& asIOError = server;
+  EXPECT_EQ(outcome([&] {
+              asIOError.raise();
+              return WebResponse();
+            }),
+            "ServerError 500");
+  const ClientError client(answer("404"));
+  EXPECT_EQ(outcome([&] {
+              client.raise();
+              return WebResponse();
+            }),
+            "ClientError 404");
+  const IOError plain("down");
+  EXPECT_EQ(outcome([&] {
+              plain.raise();
+              return WebResponse();
+            }),
+            "IOError down");
+}
+
+TEST(WebValuesTest, AssignmentAndEqualityCoverEveryMemberByteForByte) {
+  WebRequest base = request("https://a.test/?page=2", RequestMethod::POST, std::string("a\0b", 3));
+  base.setHeader("Accept", "application/json");
+  base.setMaxRetries(3);
+  base.setTimeout(10);
+  const std::function<void(WebRequest&)> changes[] = {
+      [](WebRequest& r) { r.setUrl("https://a.test/?page=3"); },
+      [](WebRequest& r) { r.setMethod(RequestMethod::GET); },
+      [](WebRequest& r) { r.setHeader("accept", "text/plain"); },
+      [](WebRequest& r) { r.setHeader("x-zvo-reason", "NUDGE"); },
+      [](WebRequest& r) { r.setBody(std::string("a\0c", 3)); },
+      [](WebRequest& r) { r.setMaxRetries(2); },
+      [](WebRequest& r) { r.setTimeout(30); },
+  };
+  for (const auto& change : changes) {
+    SCOPED_TRACE(&change - changes);
+    WebRequest changed;
+    changed = base;
+    EXPECT_TRUE(changed == base);
+    change(changed);
+    EXPECT_TRUE(changed != base);
+  }
+  // Names differing only in letter case find each other, but are not equal.
+  WebRequest lower, upper;
+  lower.setHeader("accept", "x");
+  upper.setHeader("Accept", "x");
+  EXPECT_EQ(lower.getHeaders().count("Accept"), 1u);
+  EXPECT_FALSE(lower == upper);
+}
+
+// As the daemon does at start-up, before any transfer.
+struct CurlGlobal : testing::Environment {
+  void SetUp() override { ASSERT_EQ(curl_global_init(CURL_GLOBAL_DEFAULT), CURLE_OK); }
+  void TearDown() override { curl_global_cleanup(); }
+};
+testing::Environment* const curlGlobal = testing::AddGlobalTestEnvironment(new CurlGlobal);
+
+HttpAnswer always(const std::string& body = "") {
+  HttpAnswer answer(200, {}, body);
+  answer.repeat = true;
+  return answer;
+}
+
+TEST(CurlHttpClientTest, SendsEveryRequestExactlyAsBuiltBodyIncluded) {
+  LocalHttpServer server({always()});
+  const std::pair<const RequestMethod&, std::string> cases[] = {
+      {RequestMethod::POST, "{\"senders\":[\"a\",\"b\"]}"},
+      {RequestMethod::GET, "page=2"},
+      {RequestMethod::GET, ""},
+      {RequestMethod::POST, std::string("a\0b\xff\r\n", 6)},
+  };
+  for (const auto& [method, body] : cases) {
+    WebRequest sent = request(server.url("/devicemessaging/register?app=x&v=1"), method, body);
+    sent.setHeader("x-zvo-reason", "NUDGE");
+    sent.setHeader("Content-Type", "application/json");
+    sent.setHeader("X-Device-Signature", "0123abcd");
+    EXPECT_EQ(CurlHttpClient().perform(sent).getStatusCode(), 200u);
+    const auto seen = server.requests().back();
+    EXPECT_EQ(seen.method, method.name());
+    EXPECT_EQ(seen.target, "/devicemessaging/register?app=x&v=1");
+    // curl's Host and Accept, ours in map order (replacing curl's Content-Type), the length.
+    EXPECT_EQ(seen.headers, (Headers{{"Host", "127.0.0.1:" + std::to_string(server.port())},
+                                     {"Accept", "*/*"},
+                                     {"Content-Type", "application/json"},
+                                     {"X-Device-Signature", "0123abcd"},
+                                     {"x-zvo-reason", "NUDGE"},
+                                     {"Content-Length", std::to_string(body.size())}}));
+    EXPECT_EQ(seen.body, body);
+  }
+}
+
+TEST(CurlHttpClientTest, MergesTheHeadersOfARedirectChainAndKeepsEveryBodyByte) {
+  HttpAnswer moved{302, {"Location: /second", "X-Shared: first", "X-D: 1", "X-C:b"}, "moved"};
+  moved.path = "/first";
+  HttpAnswer last{503,
+                  {"X-Shared: second", "x-d: 2", "X-A: b: c", "X-Empty: ", "X-B:  two  "},
+                  std::string("\0\x01z\xff\0", 5)};
+  last.path = "/second";
+  LocalHttpServer server({moved, last});
+  const WebResponse response = CurlHttpClient().perform(request(server.url("/first")));
+  EXPECT_EQ(response.getStatusCode(), 503u);
+  EXPECT_EQ(response.getBody(), last.body);
+  // Split at the first ": " (none: skipped); later blocks win, the first spelling stays.
+  EXPECT_EQ(Headers(response.getHeaders().begin(), response.getHeaders().end()),
+            (Headers{{"Content-Length", "5"},
+                     {"Location", "/second"},
+                     {"X-A", "b: c"},
+                     {"X-B", " two  "},
+                     {"X-D", "2"},
+                     {"X-Empty", ""},
+                     {"X-Shared", "second"}}));
+  EXPECT_EQ(server.requests().back().target, "/second");
+}
+
+TEST(CurlHttpClientTest, FailedTransfersBecomeIOErrorWithCurlsText) {
+  HttpAnswer slow{200, {}, "late"}, cut{200, {}, std::string(100, 'x')};
+  slow.delaySeconds = 3;
+  cut.closeMidBody = true;
+  LocalHttpServer server({slow, cut});
+  const int closedPort = LocalHttpServer().port();  // stopped again at once
+  const std::tuple<std::string, CURLcode, const char*> cases[] = {
+      {server.url("/slow"), CURLE_OPERATION_TIMEDOUT, ": .+"},  // with curl's detail
+      {server.url("/cut"), CURLE_PARTIAL_FILE, ": .+"},
+      {"http://127.0.0.1:" + std::to_string(closedPort), CURLE_COULDNT_CONNECT, ": .+"},
+      {"http://exa mple/", CURLE_URL_MALFORMAT, ": "},
+  };
+  for (const auto& [url, code, detail] : cases) {
+    WebRequest sent = request(url);
+    sent.setTimeout(1);
+    EXPECT_THAT(outcome([&] { return CurlHttpClient().perform(sent); }),
+                testing::MatchesRegex(std::string("IOError ") + curl_easy_strerror(code) + detail));
+  }
+}
+
+// The host platform under a test root, and a self-signed certificate for
+// 127.0.0.1 made once with the openssl command.
+class DeviceTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY",
+                             "no_proxy", "NO_PROXY"}) {
+      unsetenv(name);  // they would hide whether the client chose a proxy
+    }
+    certificates_ = new nyxtest::TempDir;
+    nyxtest::ChildProcess openssl(
+        {{"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+          "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1", "-addext",
+          "subjectAltName=IP:127.0.0.1", "-keyout", file("key"), "-out", file("pem")}});
+    ASSERT_EQ(openssl.waitForExit(nyxtest::milliseconds(60000)), 0) << openssl.output();
+  }
+  static void TearDownTestSuite() { delete certificates_; }
+  static std::string file(const char* name) { return certificates_->path() + "/server." + name; }
+  static LocalHttpServer::Options https() {
+    LocalHttpServer::Options options;
+    options.certificateFile = file("pem");
+    options.keyFile = file("key");
+    return options;
+  }
+  void trustTestCa() const {
+    root_.writePlatformFile("tls/ca.pem", nyxtest::readFile(file("pem")));
+  }
+
+  static nyxtest::TempDir* certificates_;
+  nyxtest::NyxRoot root_;
+};
+nyxtest::TempDir* DeviceTest::certificates_ = nullptr;
+
+TEST_F(DeviceTest, TrustsServersOnlyThroughTheDeviceTrustAnchors) {
+  LocalHttpServer server({always("secure")}, https());
+  const auto fetch = [&](CurlHttpClient&& client) {
+    return outcome([&] { return client.perform(request(server.url())); });
+  };
+  const auto refused = testing::StartsWith(std::string("IOError ") +
+                                           curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION));
+  EXPECT_THAT(fetch(TesselCurlHttpClient()), refused);
+  trustTestCa();
+  EXPECT_EQ(fetch(TesselCurlHttpClient()), "returns 200");
+  EXPECT_THAT(fetch(CurlHttpClient()), refused);
+}
+
+TEST_F(DeviceTest, UsesTheProxyOnlyForTheProxiedInterfaceWithHostAndPort) {
+  LocalHttpServer origin({always()}), secureOrigin({always()}, https());
+  LocalHttpServer::Options proxyOptions;
+  proxyOptions.proxy = true;
+  LocalHttpServer proxy({}, proxyOptions);
+  trustTestCa();
+  const std::string proxyLine = "proxy=127.0.0.1:" + std::to_string(proxy.port()) + "\n";
+  const std::string secureAuthority = "127.0.0.1:" + std::to_string(secureOrigin.port());
+  const std::tuple<std::string, bool, std::string> cases[] = {
+      // The network file, HTTPS or not, what the proxy sees ("" for nothing).
+      {"interface=2\n" + proxyLine, false, "GET " + origin.url("/poll?x=1")},
+      {"interface=2\n" + proxyLine, true, "CONNECT " + secureAuthority},
+      {"interface=1\n" + proxyLine, false, ""},
+      {"interface=2\nproxy=127.0.0.1\n", false, ""},
+      {"interface=2\n", false, ""},
+  };
+  TesselCurlHttpClient client;  // one client: the proxy is looked up for each attempt
+  for (const auto& [network, secure, proxied] : cases) {
+    SCOPED_TRACE(network + (secure ? " https" : " http"));
+    root_.writePlatformFile("network", network);
+    const size_t before = proxy.requests().size();
+    LocalHttpServer& target = secure ? secureOrigin : origin;
+    EXPECT_EQ(outcome([&] { return client.perform(request(target.url("/poll?x=1"))); }),
+              "returns 200");
+    EXPECT_EQ(target.requests().back().target, "/poll?x=1");
+    const auto seen = proxy.requests();
+    ASSERT_LE(seen.size(), before + 1);
+    EXPECT_EQ(seen.size() == before ? "" : seen.back().method + " " + seen.back().target, proxied);
+  }
+}
+
+TEST_F(DeviceTest, SignedRequestsVerifyOnTheServerUntilASignedPartChanges) {
+  root_.writePlatformFile("device-serial", "G090LF1234567890\n");
+  root_.writePlatformFile("device-secret", "device-secret-for-tests\n");
+  LocalHttpServer::Options checking;
+  checking.signingSecret = "device-secret-for-tests";
+  LocalHttpServer server({always()}, checking);
+  struct Case {
+    std::string directedId;
+    const RequestMethod& method;
+    std::string pathAndQuery;
+    void (*change)(WebRequest&);
+    std::string verdict;
+  };
+  const Case cases[] = {
+      {"amzn1.account.A", RequestMethod::POST, "/register?app=x", nullptr, "valid"},
+      {"", RequestMethod::GET, "/devicemessaging/messages", nullptr, "valid"},
+      {"amzn1.account.A", RequestMethod::GET, "?page=2", nullptr, "valid"},
+      {"amzn1.account.B", RequestMethod::POST, "/r?app=x", [](WebRequest& r) { r.setBody("{}"); },
+       "invalid"},
+      {"amzn1.account.B", RequestMethod::POST, "/r?app=x",
+       [](WebRequest& r) { r.setUrl(r.getUrl() + "&v=2"); }, "invalid"},
+      {"amzn1.account.B", RequestMethod::POST, "/r?app=x",
+       [](WebRequest& r) { r.setMethod(RequestMethod::GET); }, "invalid"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE("case " + std::to_string(&c - cases));
+    WebRequest sent = request(server.url("") + c.pathAndQuery, c.method, std::string("{\0}", 3));
+    TesselRequestSigner(c.directedId).sign(sent);
+    if (c.change) c.change(sent);
+    TesselCurlHttpClient().perform(sent);
+    const auto seen = server.requests().back();
+    EXPECT_EQ(seen.signature, c.verdict);
+    EXPECT_EQ(seen.header("X-Device-Serial"), "G090LF1234567890");
+    EXPECT_EQ(seen.hasHeader("X-Device-Customer"), !c.directedId.empty());
+    EXPECT_EQ(seen.header("X-Device-Customer"), c.directedId);
+    EXPECT_THAT(seen.header("X-Device-Date"),
+                testing::MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z"));
+  }
+}
+
+TEST_F(DeviceTest, MissingCredentialsFailSigningAndNothingIsSent) {
+  LocalHttpServer server({always()});
+  for (const char* file : {"device-serial", "device-secret"}) {
+    nyxtest::NyxRoot root;
+    root.writePlatformFile(file, "present\n");
+    for (const std::string directedId : {"amzn1.account.A", ""}) {
+      WebRequest sent = request(server.url("/devicemessaging/register"));
+      const WebRequest before(sent);
+      // As a request builder does: sign, then send.
+      EXPECT_THAT(outcome([&] {
+                    TesselRequestSigner(directedId).sign(sent);
+                    return TesselCurlHttpClient().perform(sent);
+                  }),
+                  testing::MatchesRegex("other Request Signing Failure\\. StatusCode: -?[1-9][0-9]*"
+                                        " DirectedId: " +
+                                        directedId));
+      EXPECT_TRUE(sent == before) << file << ": headers were added";
+    }
+  }
+  EXPECT_TRUE(server.requests().empty());
+}
+
+}  // namespace
