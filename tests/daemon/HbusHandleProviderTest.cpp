@@ -1,7 +1,8 @@
-// The daemon's bus handle table and message sender on a private bus. The
-// table is process-wide and never emptied, so this binary is its own.
+// The process-wide bus handle table on a private bus; the table is never
+// emptied, so this binary is its own.
 #include "daemon/HbusHandleProvider.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -14,45 +15,32 @@
 
 namespace {
 
-// One bus for the whole binary: the table keeps its handles until exit.
-class BusEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override { bus_ = std::make_unique<nyxtest::PrivateBus>(); }
-  void TearDown() override { bus_.reset(); }
-
- private:
-  std::unique_ptr<nyxtest::PrivateBus> bus_;
+struct BusEnvironment : testing::Environment {
+  void SetUp() override { bus = std::make_unique<nyxtest::PrivateBus>(); }
+  void TearDown() override { bus.reset(); }
+  std::unique_ptr<nyxtest::PrivateBus> bus;
 };
-const auto* const kBusEnvironment = ::testing::AddGlobalTestEnvironment(new BusEnvironment);
+testing::Environment* const busEnvironment = testing::AddGlobalTestEnvironment(new BusEnvironment);
 
 TEST(HbusHandleProviderTest, OpensEachServiceOnceAndReturnsTheSameHandle) {
   HbusHandleStruct* first = HbusHandleProvider::getHandle(kCobaltDeviceMessaging);
   ASSERT_NE(first, nullptr);
   EXPECT_EQ(HbusHandleProvider::getHandle(kCobaltDeviceMessaging), first);
-  // The name is owned by that one handle: a second HbusInitEx is refused.
+  // That one handle owns the name: another HbusInitEx is refused.
   int status = 0;
-  HbusHandleStruct* second = HbusInitEx(kCobaltDeviceMessaging, &status);
+  HbusClose(HbusInitEx(kCobaltDeviceMessaging, &status));
   EXPECT_NE(status, 0);
-  HbusClose(second);
 }
 
-TEST(HbusHandleProviderTest, FailedOpenThrowsOnceThenReturnsTheCachedHandle) {
-  const std::string invalid = "not..a.bus.name";
-  try {
-    HbusHandleProvider::getHandle(invalid);
-    FAIL() << "expected a runtime error";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "Hbus Initialization failure: 3");
-  }
-  HbusHandleStruct* cached = nullptr;
-  EXPECT_NO_THROW(cached = HbusHandleProvider::getHandle(invalid));
-  EXPECT_EQ(cached, nullptr);
+TEST(HbusHandleProviderTest, FailedOpenThrowsOnceThenReturnsTheCachedNullHandle) {
+  EXPECT_THAT([] { HbusHandleProvider::getHandle("not..a.bus.name"); },
+              testing::ThrowsMessage<std::runtime_error>("Hbus Initialization failure: 3"));
+  EXPECT_EQ(HbusHandleProvider::getHandle("not..a.bus.name"), nullptr);
 }
 
 TEST(IPCMessageSenderTest, SendToMissingServiceReturnsNoSuchServiceWithoutLogging) {
   nyxtest::LogCapture log;
-  IPCMessageSender sender;
-  EXPECT_EQ(sender.send("com.example.absent", "wisp_message", "{}"), 3);
+  EXPECT_EQ(IPCMessageSender().send("com.example.absent", "wisp_message", "{}"), 3);
   EXPECT_TRUE(log.lines().empty());
 }
 

@@ -1,3 +1,4 @@
+// The loggers' line formats and levels, and the base of the value classes.
 #include <gtest/gtest.h>
 #include <syslog.h>
 
@@ -6,15 +7,12 @@
 #include <vector>
 
 #include "daemon/Logging.h"
+#include "daemon/NamedStringEnum.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
-struct SyslogCall {
-  int priority;
-  std::string text;
-};
-std::vector<SyslogCall> syslogCalls;
+std::vector<std::pair<int, std::string>> syslogCalls;
 
 void recordSyslog(int priority, const char* format, ...) {
   char text[2048];
@@ -22,88 +20,74 @@ void recordSyslog(int priority, const char* format, ...) {
   va_start(args, format);
   vsnprintf(text, sizeof text, format, args);
   va_end(args);
-  syslogCalls.push_back({priority, text});
+  syslogCalls.emplace_back(priority, text);
 }
 
-using LogFunction = void (*)(const char*, const char*, ...);
-
-struct LevelCase {
-  LogFunction log;
-  const char* defaultPrefix;
-  int syslogPriority;
-  const char* tesselPrefix;
-};
-
-const LevelCase kLevels[] = {
-    {logDebug, "DEBUG: ", LOG_DEBUG, "D "},
-    {logError, "ERROR: ", LOG_ERR, "E "},
-    {logInfo, "INFO: ", LOG_INFO, "I "},
-    {logWarn, "WARN: ", LOG_WARNING, "W "},
-};
-
-class LoggingTest : public ::testing::Test {
- protected:
-  void TearDown() override { setLogger(new DefaultLogger); }
-};
-
-TEST_F(LoggingTest, DefaultLoggerWritesLevelComponentAndMessageToStandardOutput) {
-  setLogger(new DefaultLogger);
-  for (const auto& level : kLevels) {
+TEST(LoggingTest, EachLoggerWritesLevelComponentAndMessage) {
+  const struct {
+    void (*log)(const char*, const char*, ...);
+    std::string defaultPrefix;
+    int priority;
+    std::string tesselPrefix;
+  } levels[] = {{logDebug, "DEBUG: ", LOG_DEBUG, "D "},
+                {logError, "ERROR: ", LOG_ERR, "E "},
+                {logInfo, "INFO: ", LOG_INFO, "I "},
+                {logWarn, "WARN: ", LOG_WARNING, "W "}};
+  for (const auto& level : levels) {
+    SCOPED_TRACE(level.defaultPrefix);
+    setLogger(new DefaultLogger);
     testing::internal::CaptureStdout();
-    level.log("Main", "Processing task %d of %s.", 3, "five");
+    level.log("Main", "Task %d of %s%%s.", 3, "five");  // %s reaches no printf twice
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              std::string(level.defaultPrefix) + "Main: Processing task 3 of five.\n");
-  }
-}
+              level.defaultPrefix + "Main: Task 3 of five%s.\n");
 
-TEST_F(LoggingTest, TesselLoggerWritesToSyslogAndThenStandardOutput) {
-  setLogger(new TesselLogger(recordSyslog));
-  for (const auto& level : kLevels) {
+    setLogger(new TesselLogger(recordSyslog));
     syslogCalls.clear();
     testing::internal::CaptureStdout();
-    level.log("Main", "Processing task.");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              std::string(level.tesselPrefix) + "Main: Processing task.\n");
-    ASSERT_EQ(syslogCalls.size(), 1u);
-    EXPECT_EQ(syslogCalls[0].priority, level.syslogPriority);
-    EXPECT_EQ(syslogCalls[0].text, std::string(level.tesselPrefix) + "Main: Processing task.");
+    level.log("Main", "Task %d%%s.", 3);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), level.tesselPrefix + "Main: Task 3%s.\n");
+    EXPECT_EQ(syslogCalls,
+              (decltype(syslogCalls){{level.priority, level.tesselPrefix + "Main: Task 3%s."}}));
   }
+  setLogger(new DefaultLogger);
 }
 
-TEST_F(LoggingTest, MessagesAreCutTo1023Characters) {
-  struct Case {
-    size_t length;
-    size_t expected;
-  };
-  const Case cases[] = {{0, 0}, {1022, 1022}, {1023, 1023}, {1024, 1023}, {1500, 1023}};
-  nyxtest::LogCapture capture;
-  for (const auto& c : cases) {
-    capture.clear();
-    const std::string message(c.length, 'x');
-    logWarn("HttpClient", "%s", message.c_str());
-    ASSERT_EQ(capture.lines().size(), 1u);
-    EXPECT_EQ(capture.lines()[0], "WARN HttpClient: " + message.substr(0, c.expected))
-        << "message of " << c.length << " characters";
-  }
-}
-
-TEST_F(LoggingTest, ComponentIsPassedUncutAndUnformatted) {
+TEST(LoggingTest, MessagesAreCutTo1023CharactersAndTheComponentPassesAsIs) {
   nyxtest::LogCapture capture;
   const std::string component(1500, 'c');
-  logInfo(component.c_str(), "%%d stays %s", "literal");
-  ASSERT_EQ(capture.lines().size(), 1u);
-  EXPECT_EQ(capture.lines()[0], "INFO " + component + ": %d stays literal");
+  for (size_t length : {1023, 1024}) {
+    capture.clear();
+    logWarn(component.c_str(), "%%d %s", std::string(length - 3, 'x').c_str());
+    EXPECT_EQ(capture.lines(),
+              std::vector<std::string>{"WARN " + component + ": %d " + std::string(1020, 'x')});
+  }
 }
 
-TEST_F(LoggingTest, ReplacedLoggerIsDestroyed) {
-  static int destroyed = 0;
-  struct CountingLogger : DefaultLogger {
-    ~CountingLogger() override { ++destroyed; }
+struct Color : NamedStringEnum<Color> {
+  explicit Color(const std::string& name) : NamedStringEnum(name) {}
+};
+
+TEST(NamedStringEnumTest, ValuesCompareAndCopyByTheirTextOnly) {
+  const Color raw("Raw"), nyx("NYX"), raw2("Raw"), lower("raw");
+  EXPECT_TRUE(raw == raw2);
+  EXPECT_FALSE(raw != raw2);
+  for (const Color* other : {&nyx, &lower}) {  // same length, other bytes; other case
+    EXPECT_FALSE(raw == *other);
+    EXPECT_TRUE(raw != *other);
+  }
+  Color copy(nyx);
+  NamedStringEnum<Color>& asBase = copy;
+  asBase = raw;
+  EXPECT_EQ(copy.name(), "Raw");
+
+  // Inequality follows an overridden equality, also through the base.
+  struct AlwaysEqual : NamedStringEnum<AlwaysEqual> {
+    explicit AlwaysEqual(const std::string& name) : NamedStringEnum(name) {}
+    bool operator==(const NamedStringEnum&) const override { return true; }
   };
-  setLogger(new CountingLogger);
-  EXPECT_EQ(destroyed, 0);
-  setLogger(new DefaultLogger);
-  EXPECT_EQ(destroyed, 1);
+  const AlwaysEqual a("a"), b("b");
+  const NamedStringEnum<AlwaysEqual>& aBase = a;
+  EXPECT_FALSE(aBase != b);
 }
 
 }  // namespace
