@@ -1,5 +1,5 @@
-// Server pages for the messaging suites, written the way the messaging
-// server writes them.
+// Server pages and bus values for the messaging suites, written the way the
+// messaging server and the outbound-message service expect them.
 #ifndef NYX_TESTS_MESSAGING_MESSAGING_TEST_DATA_H
 #define NYX_TESTS_MESSAGING_MESSAGING_TEST_DATA_H
 
@@ -13,43 +13,44 @@
 
 namespace nyxtest {
 
-constexpr char kFirstPageUrl[] = "https://messaging.test/messages";
-
-struct ServerMessage {
-  std::string id;
-  std::string topic;
-  std::string payload;
-  // JSON text of "directedCustomerId"; absent when empty.
-  std::string directedJson = "";
-  // The "crc" to send; the right one when unset.
-  std::optional<uint32_t> crc = std::nullopt;
-};
-
-// One element of "messages".
-inline std::string messageJson(const ServerMessage& m) {
-  const std::string payload =
-      encodeBase64(reinterpret_cast<const unsigned char*>(m.payload.data()), m.payload.size());
-  std::string json = R"({"message":{"id":")" + m.id + R"(","topic":")" + m.topic +
-                     R"(","payload":")" + payload + "\"";
-  if (!m.directedJson.empty()) {
-    json += R"(,"directedCustomerId":)" + m.directedJson;
-  }
-  json += R"(,"crc":)" + std::to_string(m.crc ? *m.crc : messageCrc32(m.topic, m.payload)) + "}}";
-  return json;
+inline std::string base64(const std::string& bytes) {
+  return encodeBase64(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
 }
 
-// A page with the given message elements (already JSON) and next page.
+// One element of "messages"; directedJson is the JSON of "directedCustomerId"
+// (left out when empty), crc the one to send (the right one when unset).
+inline std::string messageJson(const std::string& id, const std::string& topic,
+                               const std::string& payload, const std::string& directedJson = "",
+                               std::optional<uint32_t> crc = std::nullopt) {
+  return R"({"message":{"id":")" + id + R"(","topic":")" + topic + R"(","payload":")" +
+         base64(payload) + "\"" +
+         (directedJson.empty() ? "" : R"(,"directedCustomerId":)" + directedJson) + R"(,"crc":)" +
+         std::to_string(crc ? *crc : messageCrc32(topic, payload)) + "}}";
+}
+
 inline std::string pageJson(const std::vector<std::string>& elements,
                             const std::string& nextPage = "") {
   std::string json = R"({"messages":[)";
   for (size_t i = 0; i < elements.size(); ++i) {
     json += (i ? "," : "") + elements[i];
   }
-  json += "]";
-  if (!nextPage.empty()) {
-    json += R"(,"nextPage":")" + nextPage + "\"";
-  }
-  return json + "}";
+  return json + "]" + (nextPage.empty() ? "" : R"(,"nextPage":")" + nextPage + "\"") + "}";
+}
+
+// The value a receiving service gets in "wisp_message" or "nyx_message".
+inline std::string deliveryJson(const std::string& id, const std::string& payload,
+                                const std::string& directedId = "") {
+  return R"({"id":")" + id + "\"" +
+         (directedId.empty() ? "" : R"(,"directedId":")" + directedId + "\"") + R"(,"payload":")" +
+         base64(payload) + "\"}";
+}
+
+// The outbound-message entry that reports one message's outcome.
+inline std::string outboxEntry(const std::string& id, int status, bool retry = false) {
+  return R"({"topic":"cobalt.messaging.response","payload":")" +
+         base64(R"({"response":{"id":")" + id + R"(","status":)" + std::to_string(status) +
+                R"(,"retry":)" + (retry ? "true" : "false") + "}}") +
+         R"(","gunzip":false,"options":{"flushTime":1}})";
 }
 
 }  // namespace nyxtest
