@@ -1,8 +1,8 @@
 #include "tests/support/LocalHttpServer.h"
 
-#include <signal.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -17,20 +17,15 @@ const char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123
 
 std::string encodeBase64(const std::string& bytes) {
   std::string text;
-  size_t i = 0;
-  for (; i + 2 < bytes.size(); i += 3) {
-    unsigned n = static_cast<unsigned char>(bytes[i]) << 16 |
-                 static_cast<unsigned char>(bytes[i + 1]) << 8 |
-                 static_cast<unsigned char>(bytes[i + 2]);
-    text += {kBase64[n >> 18], kBase64[(n >> 12) & 63], kBase64[(n >> 6) & 63], kBase64[n & 63]};
-  }
-  if (i + 1 == bytes.size()) {
-    unsigned n = static_cast<unsigned char>(bytes[i]) << 16;
-    text += {kBase64[n >> 18], kBase64[(n >> 12) & 63], '=', '='};
-  } else if (i + 2 == bytes.size()) {
-    unsigned n =
-        static_cast<unsigned char>(bytes[i]) << 16 | static_cast<unsigned char>(bytes[i + 1]) << 8;
-    text += {kBase64[n >> 18], kBase64[(n >> 12) & 63], kBase64[(n >> 6) & 63], '='};
+  for (size_t i = 0; i < bytes.size(); i += 3) {
+    const size_t left = bytes.size() - i;
+    unsigned n = 0;
+    for (size_t j = 0; j < 3; ++j) {
+      n = n << 8 | (j < left ? static_cast<unsigned char>(bytes[i + j]) : 0u);
+    }
+    for (size_t j = 0; j < 4; ++j) {
+      text += j <= left ? kBase64[(n >> (18 - 6 * j)) & 63] : '=';
+    }
   }
   return text;
 }
@@ -41,14 +36,12 @@ std::string decodeBase64(const std::string& text) {
   int bits = 0;
   for (char c : text) {
     const char* found = c == '\0' ? nullptr : strchr(kBase64, c);
-    if (found == nullptr) {
-      continue;  // padding
-    }
-    n = n << 6 | static_cast<unsigned>(found - kBase64);
-    bits += 6;
-    if (bits >= 8) {
-      bits -= 8;
-      bytes += static_cast<char>((n >> bits) & 0xff);
+    if (found != nullptr) {  // else padding
+      n = n << 6 | static_cast<unsigned>(found - kBase64);
+      if ((bits += 6) >= 8) {
+        bits -= 8;
+        bytes += static_cast<char>((n >> bits) & 0xff);
+      }
     }
   }
   return bytes;
@@ -86,29 +79,22 @@ std::string scriptJson(const std::vector<HttpAnswer>& script) {
   return buffer.GetString();
 }
 
-std::string stringMember(const rapidjson::Value& object, const char* name) {
-  auto member = object.FindMember(name);
-  return member != object.MemberEnd() && member->value.IsString() ? member->value.GetString() : "";
+template <typename Headers>
+auto findHeader(const Headers& headers, const std::string& name) {
+  return std::find_if(headers.begin(), headers.end(), [&](const auto& entry) {
+    return strcasecmp(entry.first.c_str(), name.c_str()) == 0;
+  });
 }
 
 }  // namespace
 
 std::string RecordedRequest::header(const std::string& name) const {
-  for (const auto& entry : headers) {
-    if (strcasecmp(entry.first.c_str(), name.c_str()) == 0) {
-      return entry.second;
-    }
-  }
-  return "";
+  auto found = findHeader(headers, name);
+  return found == headers.end() ? "" : found->second;
 }
 
 bool RecordedRequest::hasHeader(const std::string& name) const {
-  for (const auto& entry : headers) {
-    if (strcasecmp(entry.first.c_str(), name.c_str()) == 0) {
-      return true;
-    }
-  }
-  return false;
+  return findHeader(headers, name) != headers.end();
 }
 
 LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script)
@@ -116,15 +102,11 @@ LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script)
 
 LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script, const Options& options) {
   writeFile(dir_.path() + "/script.json", scriptJson(script));
-  ChildProcess::Options child;
-  child.argv = {"python3",
-                "-u",
-                sourceDir() + "/tests/support/http_test_server.py",
-                "--record",
-                dir_.path() + "/record.json",
-                "--script",
-                dir_.path() + "/script.json"};
-  scheme_ = "http";
+  const std::string& d = dir_.path();
+  ChildProcess::Options child{{"python3", "-u", sourceDir() + "/tests/support/http_test_server.py",
+                               "--record", d + "/record.json", "--script", d + "/script.json"},
+                              false,
+                              true};
   if (!options.certificateFile.empty() && !options.keyFile.empty()) {
     child.argv.insert(child.argv.end(), {"--tls", options.certificateFile, options.keyFile});
     scheme_ = "https";
@@ -135,23 +117,14 @@ LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script, const Op
   if (options.proxy) {
     child.argv.push_back("--proxy");
   }
-  child.inputPipe = true;
   process_ = std::make_unique<ChildProcess>(child);
-  const bool listening = waitUntil(
-      [this] {
-        auto lines = process_->lines();
-        return !lines.empty() || !process_->running();
-      },
-      milliseconds(10000));
+  // The server prints its port alone on its first line.
+  waitUntil([this] { return !process_->lines().empty() || !process_->running(); },
+            milliseconds(10000));
   const auto lines = process_->lines();
-  if (!listening || lines.empty() || (port_ = atoi(lines.front().c_str())) <= 0) {
+  if (lines.empty() || (port_ = atoi(lines.front().c_str())) <= 0) {
     throw std::runtime_error("the local HTTP server did not start: " + process_->output());
   }
-}
-
-LocalHttpServer::~LocalHttpServer() {
-  process_->signal(SIGTERM);
-  process_->waitForExit(milliseconds(5000));
 }
 
 std::string LocalHttpServer::url(const std::string& pathAndQuery) const {
@@ -160,8 +133,7 @@ std::string LocalHttpServer::url(const std::string& pathAndQuery) const {
 
 void LocalHttpServer::setScript(const std::vector<HttpAnswer>& script) {
   process_->writeInput(scriptJson(script) + "\n");
-  ++loads_;
-  if (!process_->waitForLine("script loaded " + std::to_string(loads_), milliseconds(10000))) {
+  if (!process_->waitForLine("script loaded " + std::to_string(++loads_), milliseconds(10000))) {
     throw std::runtime_error("the local HTTP server did not load the script: " +
                              process_->output());
   }
@@ -170,26 +142,18 @@ void LocalHttpServer::setScript(const std::vector<HttpAnswer>& script) {
 std::vector<RecordedRequest> LocalHttpServer::requests() const {
   rapidjson::Document record;
   record.Parse(readFile(dir_.path() + "/record.json"));
-  if (record.HasParseError() || !record.IsArray()) {
-    throw std::runtime_error("unreadable request record of the local HTTP server");
-  }
   std::vector<RecordedRequest> requests;
+  // A malformed record throws JsonError (see daemon/Json.h).
   for (const auto& entry : record.GetArray()) {
-    if (!entry.IsObject()) {
-      continue;
-    }
     RecordedRequest request;
-    request.method = stringMember(entry, "method");
-    request.target = stringMember(entry, "target");
-    request.body = decodeBase64(stringMember(entry, "body_base64"));
-    request.signature = stringMember(entry, "signature");
-    auto headers = entry.FindMember("headers");
-    if (headers != entry.MemberEnd() && headers->value.IsArray()) {
-      for (const auto& pair : headers->value.GetArray()) {
-        if (pair.IsArray() && pair.Size() == 2 && pair[0].IsString() && pair[1].IsString()) {
-          request.headers.emplace_back(pair[0].GetString(), pair[1].GetString());
-        }
-      }
+    request.method = entry["method"].GetString();
+    request.target = entry["target"].GetString();
+    request.body = decodeBase64(entry["body_base64"].GetString());
+    if (entry.HasMember("signature")) {
+      request.signature = entry["signature"].GetString();
+    }
+    for (const auto& pair : entry["headers"].GetArray()) {
+      request.headers.emplace_back(pair[0].GetString(), pair[1].GetString());
     }
     requests.push_back(request);
   }

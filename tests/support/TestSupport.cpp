@@ -3,18 +3,18 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 
@@ -29,43 +29,21 @@ std::string envOr(const char* name, const std::string& fallback) {
   return value != nullptr && *value != '\0' ? std::string(value) : fallback;
 }
 
-void makeDirs(const std::string& path) {
-  std::string partial;
-  std::stringstream parts(path);
-  std::string part;
-  while (std::getline(parts, part, '/')) {
-    partial += part + "/";
-    if (!part.empty() && mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) {
-      throw std::runtime_error("mkdir " + partial + ": " + strerror(errno));
-    }
-  }
+std::runtime_error systemError(const std::string& what, int error = errno) {
+  return std::runtime_error(what + ": " + strerror(error));
 }
 
-// The first line of a report by each sanitizer the build may use.
-// UndefinedBehaviorSanitizer has no banner of its own; every finding is a
-// "file:line:column: runtime error: ..." line.
-const char* const kSanitizerReportMarks[] = {
-    "ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer",
-    "ERROR: ThreadSanitizer",  "runtime error: ",
-};
-
+// UndefinedBehaviorSanitizer has no banner; each finding is a "runtime error: " line.
 bool isSanitizerReport(const std::string& line) {
-  for (const char* mark : kSanitizerReportMarks) {
-    if (line.find(mark) != std::string::npos) {
-      return true;
-    }
-  }
-  return false;
+  static const std::regex report(
+      "ERROR: (Address|Leak|Thread)Sanitizer|WARNING: ThreadSanitizer|runtime error: ");
+  return std::regex_search(line, report);
 }
 
-std::vector<std::string> splitWords(const std::string& text) {
-  std::vector<std::string> words;
-  std::istringstream in(text);
-  std::string word;
-  while (in >> word) {
-    words.push_back(word);
-  }
-  return words;
+size_t countContaining(const std::vector<std::string>& lines, const std::string& text) {
+  return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+    return line.find(text) != std::string::npos;
+  });
 }
 
 }  // namespace
@@ -96,20 +74,17 @@ std::string readFile(const std::string& path) {
 
 void writeFile(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
-  if (!out) {
+  if (!(out << content)) {
     throw std::runtime_error("cannot write " + path);
   }
 }
 
 TempDir::TempDir() {
   std::string pattern = envOr("TMPDIR", "/tmp") + "/nyx-test-XXXXXX";
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (mkdtemp(buffer.data()) == nullptr) {
-    throw std::runtime_error(std::string("mkdtemp: ") + strerror(errno));
+  if (mkdtemp(pattern.data()) == nullptr) {
+    throw systemError("mkdtemp");
   }
-  path_ = buffer.data();
+  path_ = pattern;
 }
 
 TempDir::~TempDir() {
@@ -117,11 +92,7 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-ScopedEnv::ScopedEnv(const std::string& name, const std::optional<std::string>& value)
-    : name_(name) {
-  if (const char* old = std::getenv(name.c_str())) {
-    previous_ = old;
-  }
+static void setEnv(const std::string& name, const std::optional<std::string>& value) {
   if (value) {
     setenv(name.c_str(), value->c_str(), 1);
   } else {
@@ -129,19 +100,20 @@ ScopedEnv::ScopedEnv(const std::string& name, const std::optional<std::string>& 
   }
 }
 
-ScopedEnv::~ScopedEnv() {
-  if (previous_) {
-    setenv(name_.c_str(), previous_->c_str(), 1);
-  } else {
-    unsetenv(name_.c_str());
+ScopedEnv::ScopedEnv(const std::string& name, const std::optional<std::string>& value)
+    : name_(name) {
+  if (const char* old = std::getenv(name.c_str())) {
+    previous_ = old;
   }
+  setEnv(name, value);
 }
 
-NyxRoot::NyxRoot() {
-  makeDirs(file("var/run"));
-  makeDirs(file("var/local"));
-  makeDirs(file("etc/nyx-host/tls"));
-  env_ = std::make_unique<ScopedEnv>("NYX_ROOT", path());
+ScopedEnv::~ScopedEnv() { setEnv(name_, previous_); }
+
+NyxRoot::NyxRoot() : env_("NYX_ROOT", dir_.path()) {
+  for (const char* dir : {"var/run", "var/local", "etc/nyx-host/tls"}) {
+    std::filesystem::create_directories(file(dir));
+  }
 }
 
 std::string NyxRoot::file(const std::string& relative) const { return path() + "/" + relative; }
@@ -157,130 +129,79 @@ void NyxRoot::setConfig(const std::map<std::string, std::string>& values) const 
   }
 }
 
-ChildProcess::ChildProcess(const Options& options) : echo_(options.echo) {
+ChildProcess::ChildProcess(const Options& options) {
   std::vector<std::string> argv;
   if (options.projectBinary) {
-    argv = splitWords(envOr("NYX_TEST_EMULATOR", ""));
-  }
-  argv.insert(argv.end(), options.argv.begin(), options.argv.end());
-
-  std::map<std::string, std::string> env;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    std::string text(*entry);
-    auto equals = text.find('=');
-    if (equals != std::string::npos) {
-      env[text.substr(0, equals)] = text.substr(equals + 1);
+    std::istringstream emulator(envOr("NYX_TEST_EMULATOR", ""));
+    for (std::string word; emulator >> word;) {
+      argv.push_back(word);
     }
   }
-  for (const auto& added : options.env) {
-    env[added.first] = added.second;
-  }
-  std::vector<std::string> envText;
-  for (const auto& entry : env) {
-    envText.push_back(entry.first + "=" + entry.second);
-  }
+  argv.insert(argv.end(), options.argv.begin(), options.argv.end());
   std::vector<char*> argvPointers;
   for (auto& word : argv) {
-    argvPointers.push_back(const_cast<char*>(word.c_str()));
+    argvPointers.push_back(word.data());
   }
   argvPointers.push_back(nullptr);
-  std::vector<char*> envPointers;
-  for (auto& entry : envText) {
-    envPointers.push_back(const_cast<char*>(entry.c_str()));
-  }
-  envPointers.push_back(nullptr);
 
-  int pipeFds[2];
-  if (pipe2(pipeFds, O_CLOEXEC) != 0) {
-    throw std::runtime_error(std::string("pipe: ") + strerror(errno));
-  }
-  int inputFds[2] = {-1, -1};
-  if (options.inputPipe) {
-    // A child that exits early must not kill the test with SIGPIPE.
-    ::signal(SIGPIPE, SIG_IGN);
-  }
-  if (options.inputPipe && pipe2(inputFds, O_CLOEXEC) != 0) {
-    close(pipeFds[0]);
-    close(pipeFds[1]);
-    throw std::runtime_error(std::string("pipe: ") + strerror(errno));
+  // Without inputPipe the child reads end of file at once, as from /dev/null.
+  int output[2], input[2];
+  ::signal(SIGPIPE, SIG_IGN);  // a child that exits early must not kill the test
+  if (pipe2(output, O_CLOEXEC) != 0 || pipe2(input, O_CLOEXEC) != 0) {
+    throw systemError("pipe");
   }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  if (options.inputPipe) {
-    posix_spawn_file_actions_adddup2(&actions, inputFds[0], 0);
-  } else {
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  }
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 2);
-  // A new process group, so that signals sent to the test (a Ctrl-C) do not
-  // reach the child twice and the child can be told apart in ps.
+  posix_spawn_file_actions_adddup2(&actions, input[0], 0);
+  posix_spawn_file_actions_adddup2(&actions, output[1], 1);
+  posix_spawn_file_actions_adddup2(&actions, output[1], 2);
+  // A process group of its own, so that a Ctrl-C on the test does not reach it twice.
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
   posix_spawnattr_setpgroup(&attributes, 0);
-  int error = posix_spawnp(&pid_, argvPointers[0], &actions, &attributes, argvPointers.data(),
-                           envPointers.data());
+  const int error =
+      posix_spawnp(&pid_, argv[0].c_str(), &actions, &attributes, argvPointers.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attributes);
-  close(pipeFds[1]);
-  if (options.inputPipe) {
-    close(inputFds[0]);
-    inputFd_ = inputFds[1];
+  close(output[1]);
+  close(input[0]);
+  inputFd_ = input[1];
+  if (error != 0 || !options.inputPipe) {
+    closeInput();
   }
   if (error != 0) {
-    close(pipeFds[0]);
-    if (inputFd_ >= 0) {
-      close(inputFd_);
-    }
-    pid_ = -1;
-    throw std::runtime_error("cannot start " + argv[0] + ": " + strerror(error));
+    close(output[0]);
+    throw systemError("cannot start " + argv[0], error);
   }
-  reader_ = std::thread(&ChildProcess::readOutput, this, pipeFds[0]);
+  reader_ = std::thread(&ChildProcess::readOutput, this, output[0]);
 }
 
 ChildProcess::~ChildProcess() {
-  if (inputFd_ >= 0) {
-    close(inputFd_);
-  }
+  closeInput();
   if (running()) {
     kill(pid_, SIGKILL);
     waitForExit(milliseconds(10000));
   }
-  if (reader_.joinable()) {
-    reader_.join();
-  }
-  for (const auto& line : lines_) {
-    if (isSanitizerReport(line)) {
-      ADD_FAILURE() << "sanitizer report from child " << pid_ << ":\n" << output();
-      break;
-    }
+  reader_.join();
+  if (std::any_of(lines_.begin(), lines_.end(), isSanitizerReport)) {
+    ADD_FAILURE() << "sanitizer report from child " << pid_ << ":\n" << output();
   }
 }
 
 void ChildProcess::readOutput(int fd) {
   std::string partial;
   char buffer[4096];
-  for (;;) {
-    ssize_t got = read(fd, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) {
-      continue;
-    }
-    if (got <= 0) {
-      break;
-    }
-    partial.append(buffer, static_cast<size_t>(got));
+  ssize_t got;
+  while ((got = read(fd, buffer, sizeof buffer)) > 0 || (got < 0 && errno == EINTR)) {
+    partial.append(buffer, static_cast<size_t>(std::max<ssize_t>(got, 0)));
     size_t newline;
+    std::lock_guard<std::mutex> lock(mutex_);
     while ((newline = partial.find('\n')) != std::string::npos) {
-      std::string line = partial.substr(0, newline);
+      lines_.push_back(partial.substr(0, newline));
       partial.erase(0, newline + 1);
-      if (echo_) {
-        std::cout << "  | " << line << std::endl;
-      }
-      std::lock_guard<std::mutex> lock(mutex_);
-      lines_.push_back(line);
-      changed_.notify_all();
     }
+    changed_.notify_all();
   }
   close(fd);
   std::lock_guard<std::mutex> lock(mutex_);
@@ -306,35 +227,26 @@ std::string ChildProcess::output() const {
 
 size_t ChildProcess::countLines(const std::string& text) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  size_t count = 0;
-  for (const auto& line : lines_) {
-    count += line.find(text) != std::string::npos ? 1 : 0;
-  }
-  return count;
+  return countContaining(lines_, text);
 }
 
 bool ChildProcess::waitForLine(const std::string& text, milliseconds timeout, size_t count) const {
   std::unique_lock<std::mutex> lock(mutex_);
-  return changed_.wait_for(lock, timeout, [&] {
-    size_t seen = 0;
-    for (const auto& line : lines_) {
-      seen += line.find(text) != std::string::npos ? 1 : 0;
-    }
-    return seen >= count;
-  });
+  return changed_.wait_for(lock, timeout, [&] { return countContaining(lines_, text) >= count; });
+}
+
+bool ChildProcess::waitForOutputClosed(milliseconds timeout) const {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return changed_.wait_for(lock, timeout, [&] { return outputClosed_; });
 }
 
 void ChildProcess::writeInput(const std::string& text) const {
-  size_t written = 0;
-  while (inputFd_ >= 0 && written < text.size()) {
+  for (size_t written = 0; written < text.size();) {
     ssize_t done = write(inputFd_, text.data() + written, text.size() - written);
-    if (done < 0 && errno == EINTR) {
-      continue;
+    if (done <= 0 && errno != EINTR) {
+      throw systemError("write to child");
     }
-    if (done <= 0) {
-      throw std::runtime_error(std::string("write to child: ") + strerror(errno));
-    }
-    written += static_cast<size_t>(done);
+    written += static_cast<size_t>(std::max<ssize_t>(done, 0));
   }
 }
 
@@ -345,67 +257,35 @@ void ChildProcess::closeInput() {
   }
 }
 
-bool ChildProcess::waitForOutputClosed(milliseconds timeout) const {
-  std::unique_lock<std::mutex> lock(mutex_);
-  return changed_.wait_for(lock, timeout, [&] { return outputClosed_; });
-}
-
-void ChildProcess::signal(int signalNumber) const {
-  if (pid_ > 0) {
-    kill(pid_, signalNumber);
-  }
-}
-
 std::optional<int> ChildProcess::waitForExit(milliseconds timeout) {
-  if (exitStatus_ || pid_ <= 0) {
-    return exitStatus_;
-  }
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    int status = 0;
-    pid_t done = waitpid(pid_, &status, WNOHANG);
-    if (done == pid_) {
-      exitStatus_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-      return exitStatus_;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) {
-      return std::nullopt;
-    }
-    std::this_thread::sleep_for(milliseconds(5));
-  }
-}
-
-bool ChildProcess::running() {
-  if (exitStatus_ || pid_ <= 0) {
-    return false;
-  }
-  return !waitForExit(milliseconds(0));
+  waitUntil(
+      [&] {
+        int status = 0;
+        if (!exitStatus_ && waitpid(pid_, &status, WNOHANG) == pid_) {
+          exitStatus_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+        }
+        return exitStatus_.has_value();
+      },
+      timeout);
+  return exitStatus_;
 }
 
 PrivateBus::PrivateBus() {
-  busEnv_ = std::make_unique<ScopedEnv>("HBUS_BUS", std::nullopt);
-  // dbus-daemon runs under a shell that holds the read end of a pipe whose
-  // only writer is this process. However this process ends, the kernel
-  // closes the writer, the shell's read returns and it stops the daemon; a
-  // test aborted by a sanitizer leaves no bus behind.
-  ChildProcess::Options options;
-  options.argv = {"/bin/sh",
-                  "-c",
-                  "dbus-daemon \"$@\" </dev/null & read -r line; kill $!; wait $!",
-                  "nyx-private-bus",
-                  "--session",
-                  "--nofork",
-                  "--print-address=1",
-                  "--address=unix:tmpdir=" + envOr("TMPDIR", "/tmp")};
-  options.inputPipe = true;
-  daemon_ = std::make_unique<ChildProcess>(options);
+  // The shell holds the read end of a pipe whose only writer is this process:
+  // however this process ends, the read returns and the shell stops the daemon.
+  daemon_ = std::make_unique<ChildProcess>(ChildProcess::Options{
+      {"/bin/sh", "-c",
+       "dbus-daemon --session --nofork --print-address=1 --address=unix:tmpdir=\"$1\" "
+       "</dev/null & read -r line; kill $!; wait $!",
+       "nyx-private-bus", envOr("TMPDIR", "/tmp")},
+      false,
+      true});
   if (!daemon_->waitForLine("unix:", milliseconds(10000))) {
     throw std::runtime_error("dbus-daemon did not start: " + daemon_->output());
   }
   for (const auto& line : daemon_->lines()) {
-    if (line.rfind("unix:", 0) == 0) {
+    if (address_.empty() && line.rfind("unix:", 0) == 0) {
       address_ = line;
-      break;
     }
   }
   addressEnv_ = std::make_unique<ScopedEnv>("DBUS_SESSION_BUS_ADDRESS", address_);
@@ -421,23 +301,15 @@ class LogCapture::Recorder : public Logger {
  public:
   using Store = std::pair<std::mutex, std::vector<std::string>>;
   explicit Recorder(std::shared_ptr<Store> store) : store_(std::move(store)) {}
-  void debug(const char* component, const char* message) override {
-    add("DEBUG", component, message);
-  }
-  void error(const char* component, const char* message) override {
-    add("ERROR", component, message);
-  }
-  void info(const char* component, const char* message) override {
-    add("INFO", component, message);
-  }
-  void warn(const char* component, const char* message) override {
-    add("WARN", component, message);
-  }
+  void debug(const char* tag, const char* text) override { add("DEBUG ", tag, text); }
+  void error(const char* tag, const char* text) override { add("ERROR ", tag, text); }
+  void info(const char* tag, const char* text) override { add("INFO ", tag, text); }
+  void warn(const char* tag, const char* text) override { add("WARN ", tag, text); }
 
  private:
-  void add(const char* level, const char* component, const char* message) {
+  void add(const char* level, const char* tag, const char* text) {
     std::lock_guard<std::mutex> lock(store_->first);
-    store_->second.push_back(std::string(level) + " " + component + ": " + message);
+    store_->second.push_back(level + std::string(tag) + ": " + text);
   }
   std::shared_ptr<Store> store_;
 };
@@ -454,21 +326,11 @@ std::vector<std::string> LogCapture::lines() const {
 }
 
 bool LogCapture::contains(const std::string& line) const {
-  for (const auto& seen : lines()) {
-    if (seen == line) {
-      return true;
-    }
-  }
-  return false;
+  const auto all = lines();
+  return std::find(all.begin(), all.end(), line) != all.end();
 }
 
-size_t LogCapture::count(const std::string& text) const {
-  size_t count = 0;
-  for (const auto& seen : lines()) {
-    count += seen.find(text) != std::string::npos ? 1 : 0;
-  }
-  return count;
-}
+size_t LogCapture::count(const std::string& text) const { return countContaining(lines(), text); }
 
 void LogCapture::clear() {
   std::lock_guard<std::mutex> lock(store_->first);

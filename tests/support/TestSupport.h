@@ -3,6 +3,7 @@
 #ifndef NYX_TESTS_SUPPORT_TEST_SUPPORT_H
 #define NYX_TESTS_SUPPORT_TEST_SUPPORT_H
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -23,13 +24,11 @@ namespace nyxtest {
 
 using std::chrono::milliseconds;
 
-// The source tree (NYX_SOURCE_DIR, set by CTest), for scripts and tools.
+// The source and build trees (NYX_SOURCE_DIR / NYX_BINARY_DIR, set by CTest).
 std::string sourceDir();
-// The build tree (NYX_BINARY_DIR, set by CTest), for built programs.
 std::string binaryDir();
 
-// Polls condition every few milliseconds until it holds or the deadline
-// passes; returns whether it held.
+// Polls condition until it holds or the deadline passes; returns whether it held.
 bool waitUntil(const std::function<bool()>& condition, milliseconds timeout);
 
 std::string readFile(const std::string& path);
@@ -48,8 +47,7 @@ class TempDir {
   std::string path_;
 };
 
-// Sets an environment variable (or unsets it, for nullopt) and restores the
-// previous state on destruction.
+// Sets (or, for nullopt, unsets) an environment variable until destruction.
 class ScopedEnv {
  public:
   ScopedEnv(const std::string& name, const std::optional<std::string>& value);
@@ -62,42 +60,33 @@ class ScopedEnv {
   std::optional<std::string> previous_;
 };
 
-// A prepared device root: var/run, var/local and etc/nyx-host/tls exist and
-// NYX_ROOT points here while the object lives.
+// A device root with var/run, var/local and etc/nyx-host/tls; NYX_ROOT points
+// here while the object lives.
 class NyxRoot {
  public:
   NyxRoot();
   const std::string& path() const { return dir_.path(); }
-  // path() + "/" + relative.
   std::string file(const std::string& relative) const;
-  // Writes a host platform file: etc/nyx-host/<name>.
+  // Writes etc/nyx-host/<name>.
   void writePlatformFile(const std::string& name, const std::string& content) const;
-  // Adds key=value lines to etc/nyx-host/dynconfig.
+  // Appends key=value lines to etc/nyx-host/dynconfig.
   void setConfig(const std::map<std::string, std::string>& values) const;
 
  private:
   TempDir dir_;
-  std::unique_ptr<ScopedEnv> env_;
+  ScopedEnv env_;
 };
 
-// A child process started with posix_spawn. Standard output and standard
-// error are collected line by line by a reader thread. The destructor kills
-// the process (SIGKILL) if it still runs and reaps it, and fails the running
-// test (non-fatally) when the output holds a sanitizer's report: a sanitized
-// nyxd or hbus reports on its own standard error, which only this object
-// sees, and a report after the test's last check would otherwise be lost.
+// A child process whose standard output and error are collected line by line.
+// The destructor kills (SIGKILL) and reaps it, and fails the running test when
+// the output holds a sanitizer's report, which only this object sees.
 class ChildProcess {
  public:
   struct Options {
     std::vector<std::string> argv;
-    // Added to (or replacing entries of) the test's own environment.
-    std::vector<std::pair<std::string, std::string>> env;
     // Prefix argv with NYX_TEST_EMULATOR, for programs built by the project.
     bool projectBinary = false;
-    // Echo each line to the test's standard output as it arrives.
-    bool echo = false;
-    // Give the child a pipe as standard input (see writeInput); otherwise it
-    // reads /dev/null.
+    // Standard input is a pipe (see writeInput) instead of /dev/null.
     bool inputPipe = false;
   };
 
@@ -111,27 +100,23 @@ class ChildProcess {
   std::string output() const;
   // Lines containing the text.
   size_t countLines(const std::string& text) const;
-  // Waits until at least count lines contain the text.
   bool waitForLine(const std::string& text, milliseconds timeout, size_t count = 1) const;
-  // Writes to the child's standard input (inputPipe must be set).
   void writeInput(const std::string& text) const;
-  // Closes the child's standard input pipe, so that it reads end of file.
   void closeInput();
-  void signal(int signalNumber) const;
-  // The exit status (0-255) or, for a process ended by a signal, minus the
-  // signal number; nullopt when it did not exit in time.
+  void signal(int signalNumber) const { kill(pid_, signalNumber); }
+  // The exit status, or minus the signal that ended it; nullopt on time-out.
   std::optional<int> waitForExit(milliseconds timeout);
-  bool running();
-  // Waits until the child's output pipe is closed (every line collected).
+  bool running() { return !waitForExit(milliseconds(0)); }
+  // Waits until every line of output has been collected.
   bool waitForOutputClosed(milliseconds timeout) const;
 
  private:
   void readOutput(int fd);
+  size_t countLocked(const std::string& text) const;
 
   pid_t pid_ = -1;
   int inputFd_ = -1;
   std::optional<int> exitStatus_;
-  bool echo_ = false;
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
   std::vector<std::string> lines_;
@@ -139,10 +124,9 @@ class ChildProcess {
   std::thread reader_;
 };
 
-// A private dbus-daemon for one test binary (or one test). While it lives,
-// DBUS_SESSION_BUS_ADDRESS points at it and HBUS_BUS is unset. The daemon
-// also stops when the test process dies without running this destructor (a
-// sanitizer's abort, a crash, CTest's time-out kill).
+// A private dbus-daemon: while it lives DBUS_SESSION_BUS_ADDRESS points at it
+// and HBUS_BUS is unset. It also stops when the test process dies without
+// running this destructor (a sanitizer's abort, a crash, a time-out kill).
 class PrivateBus {
  public:
   PrivateBus();
@@ -150,15 +134,14 @@ class PrivateBus {
   const std::string& address() const { return address_; }
 
  private:
+  ScopedEnv busEnv_{"HBUS_BUS", std::nullopt};
   std::unique_ptr<ChildProcess> daemon_;
   std::string address_;
   std::unique_ptr<ScopedEnv> addressEnv_;
-  std::unique_ptr<ScopedEnv> busEnv_;
 };
 
-// Installs a logger that records every line, and the plain standard-output
-// logger again on destruction. Lines are kept as "LEVEL component: message"
-// with LEVEL one of DEBUG, ERROR, INFO, WARN.
+// Records every log line as "LEVEL component: message" (LEVEL one of DEBUG,
+// ERROR, INFO, WARN) and installs the plain logger again on destruction.
 class LogCapture {
  public:
   LogCapture();
