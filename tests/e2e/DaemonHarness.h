@@ -1,6 +1,5 @@
-// Runs the real nyxd against a private bus and a local messaging server, with
-// the device's other services played by the simulators in tools/, and lets a
-// test poke it with the hbus tool and inspect what the server recorded.
+// Runs the real nyxd against a private bus and the mock messaging server, with
+// the device's other services played by the simulators in tools/.
 #ifndef NYX_TESTS_E2E_DAEMON_HARNESS_H
 #define NYX_TESTS_E2E_DAEMON_HARNESS_H
 
@@ -15,41 +14,28 @@ namespace nyxtest {
 
 class DaemonHarness {
  public:
-  // Prepares the root (serial, secret, customer "customer-1"), starts the bus,
-  // the mock messaging server (configured into dynconfig), the shell (with
-  // "frameworkStarted" 1) and the outbox, which forwards acknowledgements.
+  // Prepares the root (customer "customer-1"), the bus, the mock server, the
+  // shell (with "frameworkStarted" 1) and the outbox, which forwards acks.
   DaemonHarness();
-  ~DaemonHarness();
 
   NyxRoot& root() { return root_; }
-  const std::string& serverUrl() const { return serverUrl_; }
-
-  // Starts nyxd and waits for "Waiting for tasks.".
+  // Starts nyxd and returns at once.
+  std::unique_ptr<ChildProcess> nyxd();
+  // Starts the harness's own nyxd and waits for "Waiting for tasks.".
   ChildProcess& startDaemon();
-  ChildProcess& daemon() { return *daemon_; }
-  std::unique_ptr<ChildProcess> startSecondDaemon();
-
-  // Starts a simulator from tools/simulators with its arguments and waits for
-  // its ready file.
   std::unique_ptr<ChildProcess> startSimulator(const std::string& tool,
                                                std::vector<std::string> arguments,
                                                bool inputPipe = false);
-  void stopShell();
-
+  void stopShell() { shell_.reset(); }
   // Runs the hbus tool and returns its exit status.
   int hbus(const std::vector<std::string>& arguments);
-  // Writes an integer / string property of the daemon's own service.
-  void writeDaemonInt(const std::string& property, int value);
-  void writeDaemonString(const std::string& property, const std::string& value);
-
+  // hbus "set-int" (or "set" for a string) on the daemon's own service; throws on failure.
+  void writeDaemon(const std::string& property, int value);
+  void writeDaemon(const std::string& property, const std::string& value);
   // Runs the mock server's client with --json and parses its output.
   rapidjson::Document mock(const std::vector<std::string>& arguments);
-  // Lines of a JSON-lines log written by a simulator.
-  std::vector<std::string> jsonLines(const std::string& path) const;
 
  private:
-  std::string waitForReadyFile(const std::string& path, ChildProcess& process);
-
   NyxRoot root_;
   PrivateBus bus_;
   std::unique_ptr<ChildProcess> server_;
