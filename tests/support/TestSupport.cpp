@@ -146,7 +146,9 @@ ChildProcess::ChildProcess(const Options& options) {
 
   // Without inputPipe the child reads end of file at once, as from /dev/null.
   int output[2], input[2];
-  ::signal(SIGPIPE, SIG_IGN);  // a child that exits early must not kill the test
+  if (options.inputPipe) {
+    ::signal(SIGPIPE, SIG_IGN);  // a child that exits early must not kill the test
+  }
   if (pipe2(output, O_CLOEXEC) != 0 || pipe2(input, O_CLOEXEC) != 0) {
     throw systemError("pipe");
   }
