@@ -1,11 +1,14 @@
-// The messaging subsystem over a fake HTTP client and a recording bus sender:
-// codec and checksum, fetch, dispatch, purge and whole poll cycles.
+// The messaging subsystem: unit tests over a fake HTTP client and a recording
+// bus sender, and one poll cycle over a real bus and a local HTTP server
+// (PollOverBusAndHttpTest, run as its own test: the bus handle is opened
+// once per process).
 #include <gtest/gtest.h>
 
 #include <deque>
 #include <list>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -13,9 +16,12 @@
 #include <vector>
 
 #include "daemon/Json.h"
+#include "hbus.h"
 #include "http/HttpErrors.h"
+#include "messaging/Base64.h"
+#include "messaging/MessageCrc.h"
 #include "messaging/WispPollRequestHandler.h"
-#include "tests/messaging/MessagingTestData.h"
+#include "tests/support/LocalHttpServer.h"
 #include "tests/support/TestSupport.h"
 
 namespace nyxtest {
@@ -25,12 +31,50 @@ const std::string kPage1 = "https://messaging.test/messages";
 const std::string kPage2 = "https://messaging.test/next?page=2&x=%2F";
 const std::string kApp = R"({"registrationId":"r","senderId":"s","appInfo":{"service.name":"a"})";
 
+std::string base64(const std::string& bytes) {
+  return encodeBase64(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+}
+
+// One element of "messages"; directedJson is the JSON of "directedCustomerId"
+// (left out when empty), crc the one to send (the right one when unset).
+std::string messageJson(const std::string& id, const std::string& topic, const std::string& payload,
+                        const std::string& directedJson = "",
+                        std::optional<uint32_t> crc = std::nullopt) {
+  return R"({"message":{"id":")" + id + R"(","topic":")" + topic + R"(","payload":")" +
+         base64(payload) + "\"" +
+         (directedJson.empty() ? "" : R"(,"directedCustomerId":)" + directedJson) + R"(,"crc":)" +
+         std::to_string(crc ? *crc : messageCrc32(topic, payload)) + "}}";
+}
+
+// A page of comma-separated elements of "messages".
+std::string pageJson(const std::string& elements, const std::string& nextPage = "") {
+  return R"({"messages":[)" + elements + "]" +
+         (nextPage.empty() ? "" : R"(,"nextPage":")" + nextPage + "\"") + "}";
+}
+
+// The value a receiving service gets in "wisp_message" or "nyx_message".
+std::string deliveryJson(const std::string& id, const std::string& payload,
+                         const std::string& directedId = "") {
+  return R"({"id":")" + id + "\"" +
+         (directedId.empty() ? "" : R"(,"directedId":")" + directedId + "\"") + R"(,"payload":")" +
+         base64(payload) + "\"}";
+}
+
+// The outbound-message entry that reports one message's outcome.
+std::string outboxEntry(const std::string& id, int status, bool retry = false) {
+  return R"({"topic":"cobalt.messaging.response","payload":")" +
+         base64(R"({"response":{"id":")" + id + R"(","status":)" + std::to_string(status) +
+                R"(,"retry":)" + (retry ? "true" : "false") + "}}") +
+         R"(","gunzip":false,"options":{"flushTime":1}})";
+}
+
 // Answers every attempt at a URL with its (status, body); status 0 throws
 // IOError(body) instead, as does a URL with no answer.
 class FakeHttpClient : public HttpClient {
  public:
   WebResponse perform(const WebRequest& request) override {
     requests.push_back(request);
+    urls.push_back(request.getUrl());
     const auto [status, body] = pages[request.getUrl()];
     if (status == 0) {
       throw IOError(body);
@@ -43,6 +87,7 @@ class FakeHttpClient : public HttpClient {
   void waitSeconds(unsigned int) override {}
   std::map<std::string, std::pair<uint32_t, std::string>> pages;
   std::vector<WebRequest> requests;
+  std::vector<std::string> urls;
 };
 
 // Records every write and answers with the service's scripted statuses, then 0.
@@ -93,7 +138,8 @@ std::string decoded(const std::string& text) {
 }
 
 TEST(CodecTest, MatchesPublishedAnswers) {
-  const std::pair<std::string, std::string> rfc4648[] = {
+  // The RFC 4648 test vectors, and bytes with zeros.
+  const std::pair<std::string, std::string> vectors[] = {
       {"", ""},
       {"f", "Zg=="},
       {"fo", "Zm8="},
@@ -102,7 +148,7 @@ TEST(CodecTest, MatchesPublishedAnswers) {
       {"fooba", "Zm9vYmE="},
       {"foobar", "Zm9vYmFy"},
       {std::string("\0a\0\0b\0", 6), "AGEAAGIA"}};
-  for (const auto& [bytes, text] : rfc4648) {
+  for (const auto& [bytes, text] : vectors) {
     EXPECT_EQ(base64(bytes), text);
     EXPECT_EQ(decoded(text), bytes) << text;
   }
@@ -121,14 +167,6 @@ class MessagingTest : public ::testing::Test {
     root_.setConfig({{"url.devicemessaging.getmessages", kPage1}});
     fetcher_ = std::make_shared<WispMessageFetcher>(client_, std::make_shared<FakeSigner>());
     handler_ = std::make_unique<WispPollRequestHandler>(fetcher_, dispatcher_, purger_);
-  }
-
-  std::vector<std::string> urls() const {
-    std::vector<std::string> result;
-    for (const auto& request : client_->requests) {
-      result.push_back(request.getUrl());
-    }
-    return result;
   }
 
   // "service:id" for a delivery, "purge:id/status" for an outbound entry.
@@ -178,7 +216,7 @@ TEST_F(MessagingTest, FetchPagesUntilNoNextPageWithOneCallMoreAfterMessages) {
   client_->pages[kPage2] = {200, R"({"messages":[]})"};
   for (const auto& [page1, expected, expectedUrls, error] : cases) {
     SCOPED_TRACE(page1);
-    client_->requests.clear();
+    client_->urls.clear();
     log_.clear();
     client_->pages[kPage1] = {200, page1};
     fetcher_->reset();
@@ -188,7 +226,7 @@ TEST_F(MessagingTest, FetchPagesUntilNoNextPageWithOneCallMoreAfterMessages) {
       results.push_back(fetcher_->fetchNextPage(WispPollReason::NUDGE, messages));
     }
     EXPECT_EQ(results, expected);
-    EXPECT_EQ(urls(), expectedUrls);
+    EXPECT_EQ(client_->urls, expectedUrls);
     EXPECT_EQ(log_.count("ERROR"), error.empty() ? 0u : 1u);
     EXPECT_TRUE(error.empty() || log_.count(error) == 1u);
   }
@@ -222,8 +260,8 @@ TEST_F(MessagingTest, FetchKeepsMessagesWhoseCrcMatchesAndDropsBadElementsAlone)
   for (const auto& [middle, kept, error] : cases) {
     SCOPED_TRACE(middle);
     log_.clear();
-    client_->pages[kPage1] = {
-        200, pageJson({messageJson("a", "t", "1"), middle, messageJson("b", "t", "2")})};
+    client_->pages[kPage1] = {200, pageJson(messageJson("a", "t", "1") + "," + middle + "," +
+                                            messageJson("b", "t", "2"))};
     fetcher_->reset();
     std::list<WispMessage> messages;
     EXPECT_TRUE(fetcher_->fetchNextPage(WispPollReason::NUDGE, messages));
@@ -299,8 +337,7 @@ TEST_F(MessagingTest, PollRepeatsUnresponsiveDeliveriesAfterEachPageAndEndsOnAnI
     std::vector<std::string> laterTraffic;
     std::string error;
   };
-  const std::pair<uint32_t, std::string> page2 = {200,
-                                                  pageJson({messageJson("m3", "svc.ok", "c")})};
+  const std::pair<uint32_t, std::string> page2 = {200, pageJson(messageJson("m3", "svc.ok", "c"))};
   const Case cases[] = {
       {{1, 0}, page2, {"svc.busy:m1", "purge:m1/1", "svc.ok:m3", "purge:m3/1"}, ""},
       {{1, 3}, page2, {"svc.busy:m1", "purge:m1/103", "svc.ok:m3", "purge:m3/1"}, ""},
@@ -310,12 +347,13 @@ TEST_F(MessagingTest, PollRepeatsUnresponsiveDeliveriesAfterEachPageAndEndsOnAnI
       {{1}, {503, "busy"}, {}, ioError + "Status Code: 503\n"},
   };
   client_->pages[kPage1] = {
-      200,
-      pageJson({messageJson("m1", "svc.busy", "a"), messageJson("m2", "svc.ok", "b")}, kPage2)};
+      200, pageJson(messageJson("m1", "svc.busy", "a") + "," + messageJson("m2", "svc.ok", "b"),
+                    kPage2)};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.error + ::testing::PrintToString(c.busy));
     sender_->sent.clear();
     client_->requests.clear();
+    client_->urls.clear();
     log_.clear();
     sender_->statuses["svc.busy"] = {c.busy.begin(), c.busy.end()};
     client_->pages[kPage2] = c.page2;
@@ -327,7 +365,7 @@ TEST_F(MessagingTest, PollRepeatsUnresponsiveDeliveriesAfterEachPageAndEndsOnAnI
     // times, and the call after the last page with messages makes no request.
     std::vector<std::string> expectedUrls(c.error.empty() ? 2 : 5, kPage2);
     expectedUrls[0] = kPage1;
-    ASSERT_EQ(urls(), expectedUrls);
+    ASSERT_EQ(client_->urls, expectedUrls);
     for (const auto& request : client_->requests) {
       EXPECT_EQ(request.getMethod(), RequestMethod::GET);
       EXPECT_EQ(request.getMaxRetries(), 3u);
@@ -339,6 +377,86 @@ TEST_F(MessagingTest, PollRepeatsUnresponsiveDeliveriesAfterEachPageAndEndsOnAnI
   }
   client_->pages[kPage2] = {404, ""};  // any other failure ends the task
   EXPECT_THROW(handler_->handlePoll(WispPollReason::NUDGE), ClientError);
+}
+
+// Publishes one string property on the bus and records every value written
+// into it, answering with the scripted statuses, then 0.
+class RecordingService {
+ public:
+  RecordingService(const char* service, const char* property, std::vector<int> statuses = {})
+      : statuses_(std::move(statuses)) {
+    int status = -1;
+    handle_.reset(HbusInitEx(service, &status));
+    if (status != 0 || handle_ == nullptr ||
+        HbusRegisterStringProperty(handle_.get(), property, nullptr, &onWrite, this) != 0 ||
+        HbusStartListener(handle_.get()) != 0) {
+      throw std::runtime_error(std::string("cannot publish ") + service);
+    }
+  }
+  std::vector<std::string> values() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return values_;
+  }
+
+ private:
+  // Runs on the bus listener thread.
+  static int onWrite(HbusHandleStruct*, const char*, const char* value, void* data) {
+    auto* self = static_cast<RecordingService*>(data);
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    self->values_.push_back(value != nullptr ? value : "(null)");
+    const size_t n = self->values_.size();
+    return n <= self->statuses_.size() ? self->statuses_[n - 1] : 0;
+  }
+  std::unique_ptr<HbusHandleStruct, decltype(&HbusClose)> handle_{nullptr, HbusClose};
+  mutable std::mutex mutex_;
+  std::vector<std::string> values_;
+  std::vector<int> statuses_;
+};
+
+TEST(PollOverBusAndHttpTest, DeliversTwoPagesAndPurgesFinalOutcomes) {
+  PrivateBus bus;
+  NyxRoot root;
+  LocalHttpServer::Options options;
+  options.signingSecret = "device-secret";
+  LocalHttpServer server({}, options);
+  const std::string raw("raw\0bytes", 9);
+  const std::string app = R"({"registrationId":"r","senderId":"s",)"
+                          R"("appInfo":{"service.name":"com.example.app"},"data":{"t":"hi"}})";
+  HttpAnswer page1(200, {},
+                   pageJson(messageJson("m1", "com.example.receiver", raw) + "," +
+                                messageJson("m2", kNyxTopicPrefix + "app", app, R"("cust-1")"),
+                            server.url("/messages/2?cursor=abc")));
+  HttpAnswer page2(200, {},
+                   pageJson(messageJson("m3", "com.example.nobody", "x") + "," +
+                            messageJson("m4", "com.example.receiver", "last", "null")));
+  page1.path = "/messages";
+  page2.path = "/messages/2";
+  server.setScript({page1, page2});
+  root.setConfig({{"url.devicemessaging.getmessages", server.url("/messages")}});
+  root.writePlatformFile("device-serial", "SERIAL-0099\n");
+  root.writePlatformFile("device-secret", "device-secret\n");
+  root.writePlatformFile("customer", "customer-7\n");
+  // Busy for m1 at first, so m1 goes out again after page 2, ahead of its own.
+  RecordingService receiver("com.example.receiver", "wisp_message", {42});
+  RecordingService appService("com.example.app", "nyx_message");
+  RecordingService outbox("com.corvid.outbox", "queueMessage");
+
+  WispPollRequestHandler("customer-7").handlePoll(WispPollReason::NUDGE);
+
+  const auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0].target, "/messages");
+  EXPECT_EQ(requests[1].target, "/messages/2?cursor=abc");
+  EXPECT_EQ(requests[0].signature + requests[1].signature, "validvalid");
+  EXPECT_EQ(receiver.values(),
+            (std::vector<std::string>{deliveryJson("m1", raw), deliveryJson("m1", raw),
+                                      deliveryJson("m4", "last")}));
+  EXPECT_EQ(appService.values(),
+            std::vector<std::string>{deliveryJson(
+                "m2", R"({"collapse_key":"do_not_collapse","from":"s","t":"hi"})", "cust-1")});
+  EXPECT_EQ(outbox.values(),
+            (std::vector<std::string>{outboxEntry("m2", 1), outboxEntry("m1", 1),
+                                      outboxEntry("m3", 103), outboxEntry("m4", 1)}));
 }
 
 }  // namespace
