@@ -1,0 +1,530 @@
+// The registration subsystem: the cache against real SQLite files read back
+// with the sqlite3 shell (NYXRegistrationCacheTest), the registrar and the
+// request handler over a scripted transport and a recording bus sender, and
+// one application over a real bus and a local HTTP server
+// (RegistrationOverBusAndHttpTest). CMake runs the three as separate tests.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "daemon/IPCMessageSender.h"
+#include "hbus.h"
+#include "http/HttpClient.h"
+#include "http/HttpErrors.h"
+#include "http/RequestSigner.h"
+#include "registration/NYXRegistrar.h"
+#include "registration/NYXRegistrationCache.h"
+#include "registration/NYXRegistrationError.h"
+#include "registration/NYXRegistrationRequestHandler.h"
+#include "registration/NYXRegistrationResponder.h"
+#include "tests/support/LocalHttpServer.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+const AppInfoMap kApp = {{"service.name", "com.example.app"}};
+const AppInfoMap kNoInstance;
+const auto& kDevice = NYXRegistrationScope::Device;
+const auto& kCustomer = NYXRegistrationScope::DeviceCustomer;
+const auto& kAppInitiated = NYXRegistrationReason::AppInitiated;
+
+// Runs the sqlite3 shell on file and returns what it printed.
+std::string sqliteShell(const std::string& file, const std::string& command) {
+  auto quote = [](const std::string& text) {
+    std::string quoted = "'";
+    for (char c : text) {
+      quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return quoted + "'";
+  };
+  const std::string line = "sqlite3 " + quote(file) + " " + quote(command) + " 2>&1";
+  std::unique_ptr<FILE, int (*)(FILE*)> shell(popen(line.c_str(), "r"), pclose);
+  std::string output;
+  char buffer[4096];
+  for (size_t n; shell && (n = fread(buffer, 1, sizeof buffer, shell.get())) > 0;) {
+    output.append(buffer, n);
+  }
+  EXPECT_EQ(shell ? pclose(shell.release()) : -1, 0) << output;
+  return output;
+}
+
+// What an action ended with: the type and what() of its exception, or the
+// text it returned.
+std::string outcomeOf(const std::function<std::string()>& action) {
+  try {
+    return action();
+  } catch (const NYXRegistrationError& error) {
+    return "NYXRegistrationError " + std::string(error.what());
+  } catch (const ClientError& error) {
+    return "ClientError " + std::string(error.what());
+  } catch (const std::runtime_error& error) {
+    return "runtime_error " + std::string(error.what());
+  }
+}
+
+class NYXRegistrationCacheTest : public ::testing::Test {
+ protected:
+  std::string file() const { return dir_.path() + "/cache.db"; }
+  nyxtest::TempDir dir_;
+};
+
+TEST_F(NYXRegistrationCacheTest, NewFileGetsTheTableAndSchemaVersionOne) {
+  { NYXRegistrationCache cache(file()); }
+
+  EXPECT_EQ(sqliteShell(file(), "PRAGMA user_version;"), "1\n");
+  EXPECT_EQ(sqliteShell(file(), ".schema"),
+            "CREATE TABLE registration_ids (registration_id TEXT NOT NULL, app_info TEXT NOT "
+            "NULL, app_instance_info TEXT NOT NULL, senders TEXT NOT NULL, scope TEXT NOT NULL, "
+            "directed_id TEXT NOT NULL,  UNIQUE (app_info, app_instance_info, scope, "
+            "directed_id) ON CONFLICT REPLACE);\n");
+}
+
+TEST_F(NYXRegistrationCacheTest, StoresRenderedRowsReplacesOnTheKeyAndMatchesTheScope) {
+  NYXRegistrationCache cache(file());
+  const AppInfoMap app = {{"z.key", "last"}, {"a.key", "first"}};
+  const AppInfoMap instance = {{"pid", "7"}, {"instance", "x"}};
+  cache.store("reg-old", {"s1"}, app, instance, kCustomer, "acc");
+  cache.store("reg-new", {"s2", "s1"}, app, instance, kCustomer, "acc");
+  cache.store("reg-device", {"s1"}, app, instance, kDevice, "acc");
+
+  EXPECT_EQ(sqliteShell(file(), "SELECT * FROM registration_ids ORDER BY scope;"),
+            "reg-device|a.key=>first, z.key=>last|instance=>x, pid=>7|s1|Device|\n"
+            "reg-new|a.key=>first, z.key=>last|instance=>x, pid=>7|s2, s1|DeviceCustomer|acc\n");
+  // Senders, scope, account; then what registration and unregistration find.
+  const std::tuple<SenderList, const NYXRegistrationScope&, std::string, std::string, std::string>
+      cases[] = {
+          {{"s2", "s1"}, kCustomer, "acc", "reg-new", "reg-new"},
+          {{"s1", "s2"}, kCustomer, "acc", "", "reg-new"},
+          {{"s2", "s1"}, kCustomer, "other", "", ""},
+          {{"s1"}, kDevice, "other", "reg-device", "reg-device"},
+          {{"s1"}, kDevice, "", "reg-device", "reg-device"},
+      };
+  for (const auto& [senders, scope, account, forRegistration, forUnregistration] : cases) {
+    SCOPED_TRACE(scope.name() + " " + account);
+    EXPECT_EQ(cache.findForRegistration(senders, app, instance, scope, account), forRegistration);
+    EXPECT_EQ(cache.findForUnregistration(app, instance, scope, account), forUnregistration);
+  }
+}
+
+// Every value reaches SQLite as a bound parameter, so no text can change a
+// statement, and every byte comes back as it went in.
+TEST_F(NYXRegistrationCacheTest, HostileAndUnusualTextIsStoredAndFoundByteForByte) {
+  const std::string texts[] = {
+      "x'); DROP TABLE registration_ids;--",
+      "it's \"quoted\" and \\escaped\\",
+      " \t leading and trailing blanks \n",
+      "Grüße, 日本語, emoji \xF0\x9F\x98\x80",
+      "%s %d %n ?",
+  };
+  NYXRegistrationCache cache(file());
+  for (const auto& text : texts) {
+    SCOPED_TRACE(text);
+    const AppInfoMap app = {{"service.name", text}, {text, text}};
+    const AppInfoMap instance = {{"instance", text}};
+    cache.store("reg-" + text, {text, "plain"}, app, instance, kCustomer, text);
+
+    EXPECT_EQ(cache.findForRegistration({text, "plain"}, app, instance, kCustomer, text),
+              "reg-" + text);
+    EXPECT_EQ(cache.findForUnregistration(app, instance, kCustomer, text), "reg-" + text);
+  }
+  cache.remove("reg-" + texts[0]);
+  EXPECT_EQ(sqliteShell(file(), "SELECT count(*) FROM registration_ids;"), "4\n");
+}
+
+TEST_F(NYXRegistrationCacheTest, VersionOneFileWithoutTheTableFailsEveryStatement) {
+  sqliteShell(file(), "PRAGMA user_version = 1;");
+  NYXRegistrationCache cache(file());
+  const std::string where = "WHERE app_info = ? AND app_instance_info = ? AND ";
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {[&] { cache.findForUnregistration(kApp, kNoInstance, kDevice, ""); },
+       "SELECT registration_id FROM registration_ids " + where + "scope = ? AND directed_id = ?;"},
+      {[&] { cache.findForRegistration({"s"}, kApp, kNoInstance, kDevice, ""); },
+       "SELECT registration_id FROM registration_ids " + where +
+           "senders = ? AND scope = ? AND directed_id = ?;"},
+      {[&] { cache.store("r", {"s"}, kApp, kNoInstance, kDevice, ""); },
+       "INSERT INTO registration_ids (registration_id, senders, app_info, app_instance_info, "
+       "scope, directed_id) VALUES (?, ?, ?, ?, ?, ?);"},
+      {[&] { cache.remove("r"); }, "DELETE FROM registration_ids WHERE registration_id = ?;"},
+  };
+  for (const auto& [operation, statement] : cases) {
+    EXPECT_EQ(outcomeOf([&] { return operation(), std::string(); }),
+              "runtime_error Failed to execute SQL statement: " + statement +
+                  "\nno such table: registration_ids");
+  }
+}
+
+// A bus callback opens the cache for the next task while the running task
+// writes it, and the other way round. Each waits for the other's lock: the
+// open must not fail with "database is locked" (that ended the daemon) and a
+// write must not be dropped.
+TEST_F(NYXRegistrationCacheTest, DatabaseIsLockedByAnotherConnectionWaitsInsteadOfFailing) {
+  struct Case {
+    const char* name;
+    const char* otherConnectionHolds;
+    std::function<void(const std::string& file)> operation;
+  };
+  const Case cases[] = {
+      {"open while another connection writes", "BEGIN EXCLUSIVE;",
+       [](const std::string& path) { NYXRegistrationCache cache(path); }},
+      {"store while another connection reads", "BEGIN; SELECT COUNT(*) FROM registration_ids;",
+       [](const std::string& path) {
+         NYXRegistrationCache cache(path);
+         cache.store("r-locked", {"s"}, kApp, kNoInstance, NYXRegistrationScope::Device, "");
+       }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    nyxtest::TempDir dir;
+    const std::string path = dir.path() + "/cache.db";
+    { NYXRegistrationCache create(path); }
+
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &other), SQLITE_OK);
+    std::unique_ptr<sqlite3, int (*)(sqlite3*)> closeOther(other, sqlite3_close);
+    ASSERT_EQ(sqlite3_exec(other, c.otherConnectionHolds, nullptr, nullptr, nullptr), SQLITE_OK);
+    std::thread release([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+      sqlite3_exec(other, "COMMIT;", nullptr, nullptr, nullptr);
+    });
+
+    EXPECT_EQ(outcomeOf([&] { return c.operation(path), std::string("(nothing thrown)"); }),
+              "(nothing thrown)");
+    release.join();
+    if (std::string(c.name).find("store") == 0) {
+      EXPECT_EQ(sqliteShell(path, "SELECT registration_id FROM registration_ids;"), "r-locked\n");
+    }
+  }
+}
+
+TEST_F(NYXRegistrationCacheTest, FileThatIsNotADatabaseFailsToOpenWithSqlitesReason) {
+  nyxtest::writeFile(file(), std::string(4096, 'x'));
+
+  const std::string outcome =
+      outcomeOf([&] { return NYXRegistrationCache(file()), std::string("(opened)"); });
+  EXPECT_NE(outcome.find(file() + ": file is not a database"), std::string::npos) << outcome;
+  EXPECT_EQ(nyxtest::readFile(file()), std::string(4096, 'x'));
+}
+
+// Answers every attempt through answer; the client's own retries run on top.
+class ScriptedHttpClient : public HttpClient {
+ public:
+  WebResponse perform(const WebRequest& request) override {
+    requests.push_back(request);
+    return answer(request);
+  }
+  void waitSeconds(unsigned int) override {}
+  std::function<WebResponse(const WebRequest&)> answer;
+  std::vector<WebRequest> requests;
+};
+
+std::function<WebResponse(const WebRequest&)> reply(uint32_t status, const std::string& body) {
+  return [=](const WebRequest&) {
+    WebResponse response;
+    response.setStatusCode(status);
+    response.setHeader("Content-Type", "application/json");
+    response.setBody(body);
+    return response;
+  };
+}
+
+// Signs with a fixed header and records the body it signed, which must be
+// the request's final body.
+class FakeSigner : public RequestSigner {
+ public:
+  const std::string& getDirectedId() const override { return directedId; }
+  void sign(WebRequest& request) override {
+    signedBodies.push_back(request.getBody());
+    request.setHeader("X-Test-Signature", "signed-for-" + directedId);
+  }
+  std::string signPayload(const unsigned char*, size_t) override { return ""; }
+  std::string directedId = "account-1";
+  std::vector<std::string> signedBodies;
+};
+
+// Records every write to the bus as "service property value".
+class RecordingSender : public IPCMessageSender {
+ public:
+  int send(const std::string& service, const std::string& property,
+           const std::string& value) override {
+    writes.push_back(service + " " + property + " " + value);
+    return 0;
+  }
+  std::vector<std::string> writes;
+};
+
+class RegistrarTest : public ::testing::Test {
+ protected:
+  RegistrarTest() {
+    root_.setConfig({{"url.devicemessaging.registration", "https://m.test/register?device=1"},
+                     {"url.devicemessaging.unregistration", "https://m.test/unregister"}});
+    cache_ = std::make_shared<NYXRegistrationCache>(root_.file("var/local/cache.db"));
+    registrar_ = std::make_shared<NYXRegistrar>("Tessel", cache_, client_, signer_);
+    handler_ = std::make_unique<NYXRegistrationRequestHandler>(
+        registrar_, std::make_shared<NYXRegistrationResponder>(sender_));
+  }
+
+  std::string cached() const {
+    return cache_->findForUnregistration(kApp, kNoInstance, kCustomer, signer_->directedId);
+  }
+  // What the handler did: its exception, or the answer the application got.
+  std::string handle(const std::function<void()>& action) {
+    sender_->writes.clear();
+    return outcomeOf([&] {
+      action();
+      EXPECT_LE(sender_->writes.size(), 1u);
+      return sender_->writes.empty() ? "(no answer)" : sender_->writes[0];
+    });
+  }
+  // Every attempt is the one request, signed once with its final body.
+  void expectRequest(const std::string& url, const std::string& reason, const std::string& body) {
+    ASSERT_FALSE(client_->requests.empty());
+    for (const WebRequest& request : client_->requests) {
+      EXPECT_EQ(request.getUrl(), url);
+      EXPECT_EQ(request.getMethod(), RequestMethod::POST);
+      EXPECT_EQ(request.getHeaders(), (HeaderMap{{"accept", "application/json"},
+                                                 {"content-type", "application/json"},
+                                                 {"x-zvo-reason", reason},
+                                                 {"X-Test-Signature", "signed-for-account-1"}}));
+      EXPECT_EQ(request.getMaxRetries(), 3u);
+      EXPECT_EQ(request.getBody(), body);
+    }
+    EXPECT_EQ(signer_->signedBodies, std::vector<std::string>{body});
+  }
+
+  nyxtest::NyxRoot root_;
+  nyxtest::LogCapture logs_;
+  std::shared_ptr<NYXRegistrationCache> cache_;
+  std::shared_ptr<ScriptedHttpClient> client_ = std::make_shared<ScriptedHttpClient>();
+  std::shared_ptr<FakeSigner> signer_ = std::make_shared<FakeSigner>();
+  std::shared_ptr<RecordingSender> sender_ = std::make_shared<RecordingSender>();
+  std::shared_ptr<NYXRegistrar> registrar_;
+  std::unique_ptr<NYXRegistrationRequestHandler> handler_;
+};
+
+TEST_F(RegistrarTest, SendsTheExactSignedRequestOnceAndThenAnswersFromTheCache) {
+  const std::string app = R"("appInfo":{"service.name":"com.example.app"})";
+  const std::tuple<SenderList, AppInfoMap, const NYXRegistrationScope&,
+                   const NYXRegistrationReason&, std::string>
+      cases[] = {
+          {{"s1", "s2"},
+           {},
+           kCustomer,
+           kAppInitiated,
+           R"({"platform":"Tessel","allowedSenders":["s1","s2"],)" + app +
+               R"(,"target":"DeviceCustomer"})"},
+          // Instance info in key order; senders neither sorted nor made unique.
+          {{"zz", " a ", "zz"},
+           {{"pid", "42"}, {"instance", "a\"b"}},
+           kDevice,
+           NYXRegistrationReason::Unroutable,
+           R"({"platform":"Tessel","allowedSenders":["zz"," a ","zz"],)" + app +
+               R"(,"appInstanceInfo":{"instance":"a\"b","pid":"42"},"target":"Device"})"},
+      };
+  for (const auto& [senders, instance, scope, reason, body] : cases) {
+    SCOPED_TRACE(body);
+    client_->requests.clear();
+    signer_->signedBodies.clear();
+    client_->answer = reply(200, R"({"registrationID":"reg-1","other":1})");
+
+    EXPECT_EQ(registrar_->registerApp(senders, kApp, instance, scope, reason), "reg-1");
+    EXPECT_EQ(registrar_->registerApp(senders, kApp, instance, scope, reason), "reg-1");
+
+    EXPECT_EQ(client_->requests.size(), 1u);
+    expectRequest("https://m.test/register?device=1", reason.name(), body);
+    cache_->remove("reg-1");
+  }
+}
+
+// The account check comes after the cache, so an application registered
+// while an account was present keeps its answer.
+TEST_F(RegistrarTest, ChecksTheAccountOnlyWhenTheCacheHasNoAnswer) {
+  const std::string noAccount =
+      R"({"error":"AuthenticationFailed","error_description":"DeviceCustomer scoped NYX )"
+      R"(registrations require the device to be registered."})";
+  const std::tuple<std::string, bool, std::string> cases[] = {
+      {"account-1", true, R"({"registration_id":"reg-cached"})"},
+      {"", true, R"({"registration_id":"reg-cached"})"},
+      {"", false, noAccount},
+  };
+  for (const auto& [account, isCached, answer] : cases) {
+    SCOPED_TRACE(answer);
+    signer_->directedId = account;
+    cache_->remove("reg-cached");
+    if (isCached) {
+      cache_->store("reg-cached", {"s1"}, kApp, kNoInstance, kCustomer, account);
+    }
+    EXPECT_EQ(handle([&] { handler_->handleRegister("com.example.app", "s1", kAppInitiated); }),
+              "com.example.app nyx_registration " + answer);
+    EXPECT_TRUE(client_->requests.empty());
+  }
+}
+
+TEST_F(RegistrarTest, FailuresAreAnsweredOrPassedOnUnchangedAndLeaveTheCacheAlone) {
+  const std::string answer = "com.example.app nyx_registration ";
+  const std::string rejected = R"({"reason":"InvalidSenderId","message":"Sender s1 is unknown"})";
+  const std::string json = "\nContent-Type: application/json\n";
+  auto ioError = [](const WebRequest&) -> WebResponse { throw IOError("Couldn't connect"); };
+  // Senders text, server, then what the handler did.
+  const std::tuple<std::string, std::function<WebResponse(const WebRequest&)>, std::string>
+      cases[] = {
+          {"a,b,", ioError,
+           answer + R"({"error":"InvalidSender","error_description":"'' is not a valid sender."})"},
+          {"s1", reply(499, rejected),
+           answer + R"({"error":"InvalidSender","error_description":"Sender s1 is unknown"})"},
+          {"s1", reply(499, R"({"reason":"Throttled"})"),
+           "ClientError Status Code: 499" + json + R"({"reason":"Throttled"})"},
+          {"s1", reply(499, "InvalidSenderId"),
+           "ClientError Status Code: 499" + json + "InvalidSenderId"},
+          {"s1", reply(400, rejected), "ClientError Status Code: 400" + json + rejected},
+          {"s1", ioError,
+           answer + R"({"error":"ServiceNotAvailable","error_description":"Couldn't connect"})"},
+          {"s1", reply(503, "busy"),
+           answer + R"({"error":"ServiceNotAvailable","error_description":"Status Code: 503)" +
+               R"(\nContent-Type: application/json\nbusy"})"},
+          {"s1", reply(200, R"({"registrationId":"reg-1"})"),
+           "runtime_error Registration response has no registrationID"},
+          {"s1", reply(200, R"({"registrationID":7})"),
+           "runtime_error Registration response has no registrationID"},
+      };
+  for (const auto& [senders, server, outcome] : cases) {
+    SCOPED_TRACE(outcome);
+    client_->answer = server;
+    EXPECT_EQ(handle([&] { handler_->handleRegister("com.example.app", senders, kAppInitiated); }),
+              outcome);
+    EXPECT_EQ(cached(), "");
+  }
+}
+
+// The entry goes before the server is asked, so a failed revocation still
+// leaves the application unregistered on the device.
+TEST_F(RegistrarTest, UnregistrationRemovesTheCacheEntryBeforeTheRequest) {
+  const std::string answer = "com.example.app nyx_registration ";
+  const std::tuple<bool, std::function<WebResponse(const WebRequest&)>, std::string> cases[] = {
+      {true, reply(200, "not JSON"),
+       answer + R"({"old_registration_id":"reg-1","unregistered":true})"},
+      {false, reply(200, ""), answer + R"({"old_registration_id":"","unregistered":true})"},
+      {true, reply(500, "down"),
+       answer + R"({"error":"ServiceNotAvailable","error_description":"Status Code: 500)" +
+           R"(\nContent-Type: application/json\ndown"})"},
+      {true, reply(404, "gone"),
+       "ClientError Status Code: 404\nContent-Type: application/json\ngone"},
+  };
+  for (const auto& [registered, server, outcome] : cases) {
+    SCOPED_TRACE(outcome);
+    client_->requests.clear();
+    signer_->signedBodies.clear();
+    if (registered) {
+      cache_->store("reg-1", {"s1"}, kApp, kNoInstance, kCustomer, "account-1");
+    }
+    std::string cachedAtRequest = "(no request)";
+    client_->answer = [&](const WebRequest& request) {
+      cachedAtRequest = cached();
+      return server(request);
+    };
+    EXPECT_EQ(handle([&] { handler_->handleUnregister("com.example.app", kAppInitiated); }),
+              outcome);
+    EXPECT_EQ(cached(), "");
+    EXPECT_EQ(cachedAtRequest, registered ? "" : "(no request)");
+    if (registered) {
+      expectRequest("https://m.test/unregister", "AppInitiated", R"({"registrationId":"reg-1"})");
+    }
+  }
+}
+
+TEST(NYXRegistrationErrorTest, CarriesCodeAndDescriptionAndKeepsItsTypeWhenRaised) {
+  const NYXRegistrationError error(NYXRegistrationErrorCode::ServiceNotAvailable, "down");
+  EXPECT_EQ(error.getErrorCode(), NYXRegistrationErrorCode::ServiceNotAvailable);
+  EXPECT_EQ(error.getDescription(), "down");
+  EXPECT_STREQ(error.what(), "ServiceNotAvailable: down");
+  EXPECT_EQ(error, NYXRegistrationError(NYXRegistrationErrorCode::ServiceNotAvailable, "down"));
+  EXPECT_NE(error, NYXRegistrationError(NYXRegistrationErrorCode::InvalidSender, "down"));
+  EXPECT_NE(error, NYXRegistrationError(NYXRegistrationErrorCode::ServiceNotAvailable, "Down"));
+  const IOError& base = error;
+  EXPECT_EQ(outcomeOf([&] { return base.raise(), std::string(); }),
+            "NYXRegistrationError ServiceNotAvailable: down");
+}
+
+// An application on the bus that publishes "nyx_registration" and keeps
+// every answer written into it.
+class AnsweringApp {
+ public:
+  AnsweringApp() {
+    int status = -1;
+    handle_.reset(HbusInitEx("com.example.registering.app", &status));
+    if (status != 0 || handle_ == nullptr ||
+        HbusRegisterStringProperty(handle_.get(), "nyx_registration", nullptr, &onWrite, this) !=
+            0 ||
+        HbusStartListener(handle_.get()) != 0) {
+      throw std::runtime_error("cannot publish nyx_registration");
+    }
+  }
+  std::vector<std::string> answers() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return answers_;
+  }
+
+ private:
+  // Runs on the bus listener thread.
+  static int onWrite(HbusHandleStruct*, const char*, const char* value, void* data) {
+    auto* app = static_cast<AnsweringApp*>(data);
+    std::lock_guard<std::mutex> lock(app->mutex_);
+    app->answers_.push_back(value != nullptr ? value : "(null)");
+    return 0;
+  }
+  std::unique_ptr<HbusHandleStruct, decltype(&HbusClose)> handle_{nullptr, HbusClose};
+  mutable std::mutex mutex_;
+  std::vector<std::string> answers_;
+};
+
+TEST(RegistrationOverBusAndHttpTest, AppIsRegisteredWithASignedRequestAndToldItsIdentifier) {
+  nyxtest::PrivateBus bus;
+  nyxtest::NyxRoot root;
+  nyxtest::LocalHttpServer::Options options;
+  options.signingSecret = "device-secret";
+  nyxtest::HttpAnswer registered(200, {}, R"({"registrationID":"reg-1"})");
+  registered.path = "/v1/register";
+  nyxtest::HttpAnswer unregistered(200);
+  unregistered.path = "/v1/unregister";
+  nyxtest::LocalHttpServer server({registered, unregistered}, options);
+  root.setConfig({{"url.devicemessaging.registration", server.url("/v1/register?device=7")},
+                  {"url.devicemessaging.unregistration", server.url("/v1/unregister")}});
+  root.writePlatformFile("device-serial", "SERIAL-0042\n");
+  root.writePlatformFile("device-secret", "device-secret\n");
+  root.writePlatformFile("customer", "customer-1\n");
+  AnsweringApp app;
+  const char service[] = "com.example.registering.app";
+
+  NYXRegistrationRequestHandler("customer-1").handleRegister(service, "s-1, s-2", kAppInitiated);
+  // A second handler, as for the next task, answers from the cache file.
+  NYXRegistrationRequestHandler("customer-1").handleRegister(service, "s-1 s-2", kAppInitiated);
+  NYXRegistrationRequestHandler("customer-1").handleUnregister(service, kAppInitiated);
+
+  EXPECT_EQ(app.answers(), (std::vector<std::string>{
+                               R"({"registration_id":"reg-1"})", R"({"registration_id":"reg-1"})",
+                               R"({"old_registration_id":"reg-1","unregistered":true})"}));
+  const auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0].target, "/v1/register?device=7");
+  EXPECT_EQ(requests[0].body, R"({"platform":"Tessel","allowedSenders":["s-1","s-2"],)"
+                              R"("appInfo":{"service.name":"com.example.registering.app"},)"
+                              R"("target":"DeviceCustomer"})");
+  EXPECT_EQ(requests[0].header("X-Device-Customer"), "customer-1");
+  EXPECT_EQ(requests[1].target, "/v1/unregister");
+  EXPECT_EQ(requests[1].body, R"({"registrationId":"reg-1"})");
+  EXPECT_EQ(requests[0].signature + requests[1].signature, "validvalid");
+  EXPECT_EQ(NYXRegistrationCache(root.file("var/local/nyx_registration_cache.db"))
+                .findForUnregistration({{"service.name", service}}, {}, kCustomer, "customer-1"),
+            "");
+}
+
+}  // namespace
