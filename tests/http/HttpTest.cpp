@@ -1,5 +1,5 @@
-// The retry loop on a scripted transport that records its waits, the errors and
-// the request value; the transports and the signer against local servers.
+// The retry loop on a scripted transport that records its waits, the errors; the
+// transports and the signer against local servers.
 #include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -81,26 +81,25 @@ struct ScriptedClient : HttpClient {
 };
 
 TEST(HttpClientTest, RetriesOnTheScheduleAndEndsWithTheRightOutcome) {
-  // Retries allowed, the transport's answers, bounds of each wait, the outcome.
-  const std::tuple<uint32_t, std::vector<std::string>, std::vector<std::pair<unsigned, unsigned>>,
-                   std::string>
-      cases[] = {
-          {3, {"!e1", "!e2", "!e3", "!e4"}, {{5, 9}, {10, 19}, {20, 39}}, "transport e4"},
-          {6,  // the last attempt waits too
-           {"500", "502", "503", "504", "500", "500", "599"},
-           {{5, 9}, {10, 19}, {20, 39}, {40, 79}, {80, 159}, {160, 299}, {160, 299}},
-           "ServerError 599"},
-          {1, {"503 120", "503"}, {{120, 239}, {240, 299}}, "ServerError 503"},
-          {3, {"503 301"}, {}, "ServerError 503"},
-          {3, {"503 -1"}, {}, "ServerError 503"},
-          {1, {"503 300", "503"}, {{300, 300}, {300, 300}}, "ServerError 503"},
-          {0, {"503 Wed, 21 Oct 2015 07:28:00 GMT"}, {{5, 9}}, "ServerError 503"},
-          {2, {"!e1", "503 2", "200"}, {{5, 9}, {10, 19}}, "returns 200"},
-          {3, {"499 1"}, {}, "ClientError 499"},
-          {3, {"302"}, {}, "returns 302"},
-          {3, {"?Failed to initialize curl"}, {}, "other Failed to initialize curl"},
-          {UINT32_MAX, {}, {}, "returns 0"},  // the attempt count wraps to 0
-      };
+  // Retries allowed, the transport's answers, bounds of each wait (a last 5xx
+  // waits too), the outcome.
+  using Case = std::tuple<uint32_t, std::vector<std::string>,
+                          std::vector<std::pair<unsigned, unsigned>>, std::string>;
+  const Case cases[] = {
+      {3, {"!e1", "!e2", "!e3", "!e4"}, {{5, 9}, {10, 19}, {20, 39}}, "transport e4"},
+      {3, {"500", "502", "504", "599"}, {{5, 9}, {10, 19}, {20, 39}, {40, 79}}, "ServerError 599"},
+      {1, {"503 160", "503"}, {{160, 299}, {160, 299}}, "ServerError 503"},  // 160 stays the base
+      {1, {"503 120", "503"}, {{120, 239}, {240, 299}}, "ServerError 503"},
+      {3, {"503 301"}, {}, "ServerError 503"},
+      {3, {"503 -1"}, {}, "ServerError 503"},
+      {1, {"503 300", "503"}, {{300, 300}, {300, 300}}, "ServerError 503"},
+      {0, {"503 Wed, 21 Oct 2015 07:28:00 GMT"}, {{5, 9}}, "ServerError 503"},
+      {2, {"!e1", "503 2", "200"}, {{5, 9}, {10, 19}}, "returns 200"},
+      {3, {"499 1"}, {}, "ClientError 499"},
+      {3, {"302"}, {}, "returns 302"},
+      {3, {"?Failed to initialize curl"}, {}, "other Failed to initialize curl"},
+      {UINT32_MAX, {}, {}, "returns 0"},  // the attempt count wraps to 0
+  };
   for (const auto& [maxRetries, steps, waits, expected] : cases) {
     SCOPED_TRACE(expected + " after " + std::to_string(steps.size()) + " steps");
     // Each wait has a random part: run often enough that a wrong bound shows.
@@ -139,60 +138,22 @@ TEST(HttpErrorsTest, MessagesListStatusHeadersAndBodyAndRaiseKeepsTheType) {
   response.setBody(std::string("not\0here", 8));
   // Headers in map order; what() is a C string, so it ends at a zero byte.
   const std::string expected = "Status Code: 500\ncontent-type: text/plain\nretry-after: 7\nnot";
-  EXPECT_EQ(ClientError(response).what(), expected);
-  EXPECT_EQ(ServerError(response).what(), expected);
-  EXPECT_EQ(ServerError(response).getResponse().getBody(), response.getBody());
   const ServerError server(response);
   const IOError& asIOError = server;
+  EXPECT_EQ(ClientError(response).what(), expected);
+  EXPECT_EQ(server.what(), expected);
+  EXPECT_EQ(server.getResponse().getBody(), response.getBody());
   EXPECT_EQ(outcome([&] { return asIOError.raise(), WebResponse(); }), "ServerError 500");
   const ClientError client(answer("404"));
   EXPECT_EQ(outcome([&] { return client.raise(), WebResponse(); }), "ClientError 404");
-  const IOError plain("down");
-  EXPECT_EQ(outcome([&] { return plain.raise(), WebResponse(); }), "IOError down");
-}
-
-TEST(WebValuesTest, AssignmentAndEqualityCoverEveryMemberByteForByte) {
-  WebRequest base = request("https://a.test/?page=2", RequestMethod::POST, std::string("a\0b", 3));
-  base.setHeader("Accept", "application/json");
-  base.setMaxRetries(3);
-  base.setTimeout(10);
-  const std::function<void(WebRequest&)> changes[] = {
-      [](WebRequest& r) { r.setUrl("https://a.test/?page=3"); },
-      [](WebRequest& r) { r.setMethod(RequestMethod::GET); },
-      [](WebRequest& r) { r.setHeader("accept", "text/plain"); },
-      [](WebRequest& r) { r.setHeader("x-zvo-reason", "NUDGE"); },
-      [](WebRequest& r) { r.setBody(std::string("a\0c", 3)); },
-      [](WebRequest& r) { r.setMaxRetries(2); },
-      [](WebRequest& r) { r.setTimeout(30); },
-  };
-  for (const auto& change : changes) {
-    SCOPED_TRACE(&change - changes);
-    WebRequest changed;
-    changed = base;
-    EXPECT_TRUE(changed == base);
-    change(changed);
-    EXPECT_TRUE(changed != base);
-  }
-  // Names differing only in letter case find each other, but are not equal.
-  WebRequest lower, upper;
-  lower.setHeader("accept", "x");
-  upper.setHeader("Accept", "x");
-  EXPECT_EQ(lower.getHeaders().count("Accept"), 1u);
-  EXPECT_FALSE(lower == upper);
-}
-
-HttpAnswer always(const std::string& body = "") {
-  HttpAnswer answer(200, {}, body);
-  answer.repeat = true;
-  return answer;
+  EXPECT_EQ(outcome([] { return IOError("down").raise(), WebResponse(); }), "IOError down");
 }
 
 TEST(CurlHttpClientTest, SendsEveryRequestExactlyAsBuiltBodyIncluded) {
-  LocalHttpServer server({always()});
+  LocalHttpServer server;  // 404 for every request
   const std::pair<const RequestMethod&, std::string> cases[] = {
       {RequestMethod::POST, "{\"senders\":[\"a\",\"b\"]}"},
       {RequestMethod::GET, "page=2"},
-      {RequestMethod::GET, ""},
       {RequestMethod::POST, std::string("a\0b\xff\r\n", 6)},
   };
   for (const auto& [method, body] : cases) {
@@ -200,7 +161,7 @@ TEST(CurlHttpClientTest, SendsEveryRequestExactlyAsBuiltBodyIncluded) {
     sent.setHeader("x-zvo-reason", "NUDGE");
     sent.setHeader("Content-Type", "application/json");
     sent.setHeader("X-Device-Signature", "0123abcd");
-    EXPECT_EQ(CurlHttpClient().perform(sent).getStatusCode(), 200u);
+    EXPECT_EQ(CurlHttpClient().perform(sent).getStatusCode(), 404u);
     const auto seen = server.requests().back();
     EXPECT_EQ(seen.method, method.name());
     EXPECT_EQ(seen.target, "/devicemessaging/register?app=x&v=1");
@@ -216,11 +177,10 @@ TEST(CurlHttpClientTest, SendsEveryRequestExactlyAsBuiltBodyIncluded) {
 }
 
 TEST(CurlHttpClientTest, MergesTheHeadersOfARedirectChainAndKeepsEveryBodyByte) {
-  HttpAnswer moved{302, {"Location: /second", "X-Shared: first", "X-D: 1", "X-C:b"}, "moved"};
+  HttpAnswer moved{302, {"Location: /second", "X-D: 1", "X-C:b"}, "moved"};
   moved.path = "/first";
-  HttpAnswer last{503,
-                  {"X-Shared: second", "x-d: 2", "X-A: b: c", "X-Empty: ", "X-B:  two  "},
-                  std::string("\0\x01z\xff\0", 5)};
+  HttpAnswer last{
+      503, {"x-d: 2", "X-A: b: c", "X-Empty: ", "X-B:  two  "}, std::string("\0\x01z\xff\0", 5)};
   last.path = "/second";
   LocalHttpServer server({moved, last});
   const WebResponse response = CurlHttpClient().perform(request(server.url("/first")));
@@ -233,19 +193,16 @@ TEST(CurlHttpClientTest, MergesTheHeadersOfARedirectChainAndKeepsEveryBodyByte) 
                      {"X-A", "b: c"},
                      {"X-B", " two  "},
                      {"X-D", "2"},
-                     {"X-Empty", ""},
-                     {"X-Shared", "second"}}));
+                     {"X-Empty", ""}}));
 }
 
 TEST(CurlHttpClientTest, FailedTransfersBecomeIOErrorWithCurlsText) {
-  HttpAnswer slow{200, {}, "late"}, cut{200, {}, std::string(100, 'x')};
-  slow.delaySeconds = 3;
-  cut.closeMidBody = true;
-  LocalHttpServer server({slow, cut});
+  HttpAnswer slow{200, {}, "late"};
+  slow.delaySeconds = 3;  // longer than the request's timeout
+  LocalHttpServer server({slow});
   const int closedPort = LocalHttpServer().port();  // stopped again at once
   const std::tuple<std::string, CURLcode, const char*> cases[] = {
       {server.url("/slow"), CURLE_OPERATION_TIMEDOUT, ": .+"},  // with curl's detail
-      {server.url("/cut"), CURLE_PARTIAL_FILE, ": .+"},
       {"http://127.0.0.1:" + std::to_string(closedPort), CURLE_COULDNT_CONNECT, ": .+"},
       {"http://exa mple/", CURLE_URL_MALFORMAT, ": "},
   };
@@ -257,51 +214,40 @@ TEST(CurlHttpClientTest, FailedTransfersBecomeIOErrorWithCurlsText) {
   }
 }
 
-// The host platform under a test root, and a self-signed certificate for
-// 127.0.0.1 made once with the openssl command.
+// The host platform under a test root, and a self-signed certificate for 127.0.0.1.
 class DeviceTest : public testing::Test {
  protected:
   static void SetUpTestSuite() {
     for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY",
-                             "no_proxy", "NO_PROXY"}) {
+                             "no_proxy", "NO_PROXY"})
       unsetenv(name);  // they would hide whether the client chose a proxy
-    }
-    certificates_ = new nyxtest::TempDir;
     nyxtest::ChildProcess openssl(
         {{"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
           "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1", "-addext",
           "subjectAltName=IP:127.0.0.1", "-keyout", file("key"), "-out", file("pem")}});
     ASSERT_EQ(openssl.waitForExit(nyxtest::milliseconds(60000)), 0) << openssl.output();
   }
-  static void TearDownTestSuite() { delete certificates_; }
-  static std::string file(const char* name) { return certificates_->path() + "/server." + name; }
-  static LocalHttpServer::Options https() { return {file("pem"), file("key"), "", false}; }
-  void trustTestCa() const {
-    root_.writePlatformFile("tls/ca.pem", nyxtest::readFile(file("pem")));
+  static std::string file(const char* name) {
+    static const nyxtest::TempDir dir;
+    return dir.path() + "/server." + name;
   }
+  static LocalHttpServer::Options https() { return {file("pem"), file("key"), "", false}; }
 
-  static nyxtest::TempDir* certificates_;
   nyxtest::NyxRoot root_;
 };
-nyxtest::TempDir* DeviceTest::certificates_ = nullptr;
 
-TEST_F(DeviceTest, TrustsServersOnlyThroughTheDeviceTrustAnchors) {
-  LocalHttpServer server({always("secure")}, https());
-  const auto fetch = [&](CurlHttpClient&& client) {
-    return outcome([&] { return client.perform(request(server.url())); });
-  };
+TEST_F(DeviceTest, TrustsTheDeviceAnchorsAndUsesTheProxyOfTheProxiedInterface) {
+  LocalHttpServer origin, secureOrigin({}, https()), proxy({}, {"", "", "", true});
   const auto refused = testing::StartsWith(std::string("IOError ") +
                                            curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION));
+  const auto fetch = [&](CurlHttpClient&& client) {
+    return outcome([&] { return client.perform(request(secureOrigin.url())); });
+  };
   EXPECT_THAT(fetch(TesselCurlHttpClient()), refused);
-  trustTestCa();
-  EXPECT_EQ(fetch(TesselCurlHttpClient()), "returns 200");
-  EXPECT_THAT(fetch(CurlHttpClient()), refused);
-}
+  root_.writePlatformFile("tls/ca.pem", nyxtest::readFile(file("pem")));
+  EXPECT_EQ(fetch(TesselCurlHttpClient()), "returns 404");
+  EXPECT_THAT(fetch(CurlHttpClient()), refused);  // the plain transport ignores them
 
-TEST_F(DeviceTest, UsesTheProxyOnlyForTheProxiedInterfaceWithHostAndPort) {
-  LocalHttpServer origin({always()}), secureOrigin({always()}, https());
-  LocalHttpServer proxy({}, {"", "", "", true});
-  trustTestCa();
   const std::string proxyLine = "proxy=127.0.0.1:" + std::to_string(proxy.port()) + "\n";
   const std::tuple<std::string, bool, std::string> cases[] = {
       // The network file, HTTPS or not, what the proxy sees ("" for nothing).
@@ -310,7 +256,6 @@ TEST_F(DeviceTest, UsesTheProxyOnlyForTheProxiedInterfaceWithHostAndPort) {
        "CONNECT 127.0.0.1:" + std::to_string(secureOrigin.port())},
       {"interface=1\n" + proxyLine, false, ""},
       {"interface=2\nproxy=127.0.0.1\n", false, ""},
-      {"interface=2\n", false, ""},
   };
   TesselCurlHttpClient client;  // one client: the proxy is looked up for each attempt
   for (const auto& [network, secure, proxied] : cases) {
@@ -319,8 +264,7 @@ TEST_F(DeviceTest, UsesTheProxyOnlyForTheProxiedInterfaceWithHostAndPort) {
     const size_t before = proxy.requests().size();
     LocalHttpServer& target = secure ? secureOrigin : origin;
     EXPECT_EQ(outcome([&] { return client.perform(request(target.url("/poll?x=1"))); }),
-              "returns 200");
-    EXPECT_EQ(target.requests().back().target, "/poll?x=1");
+              "returns 404");
     const auto seen = proxy.requests();
     ASSERT_LE(seen.size(), before + 1);
     EXPECT_EQ(seen.size() == before ? "" : seen.back().method + " " + seen.back().target, proxied);
@@ -330,7 +274,7 @@ TEST_F(DeviceTest, UsesTheProxyOnlyForTheProxiedInterfaceWithHostAndPort) {
 TEST_F(DeviceTest, SignedRequestsVerifyOnTheServerUntilASignedPartChanges) {
   root_.writePlatformFile("device-serial", "G090LF1234567890\n");
   root_.writePlatformFile("device-secret", "device-secret-for-tests\n");
-  LocalHttpServer server({always()}, {"", "", "device-secret-for-tests", false});
+  LocalHttpServer server({}, {"", "", "device-secret-for-tests", false});
   // The customer, the method and target signed, a change after signing, the verdict.
   const std::tuple<std::string, const RequestMethod&, std::string, void (*)(WebRequest&),
                    std::string>
@@ -357,14 +301,12 @@ TEST_F(DeviceTest, SignedRequestsVerifyOnTheServerUntilASignedPartChanges) {
 }
 
 TEST_F(DeviceTest, MissingCredentialsFailSigningAndNothingIsSent) {
-  LocalHttpServer server({always()});
+  LocalHttpServer server;
   // The one file present, the customer.
   for (const auto& [file, directedId] : {std::pair{"device-serial", "A"}, {"device-secret", ""}}) {
     nyxtest::NyxRoot root;
     root.writePlatformFile(file, "present\n");
     WebRequest sent = request(server.url("/devicemessaging/register"));
-    const WebRequest before(sent);
-    // As a request builder does: sign, then send.
     EXPECT_THAT(outcome([&, directedId = directedId] {
                   TesselRequestSigner(directedId).sign(sent);
                   return TesselCurlHttpClient().perform(sent);
@@ -372,7 +314,7 @@ TEST_F(DeviceTest, MissingCredentialsFailSigningAndNothingIsSent) {
                 testing::MatchesRegex(std::string("other Request Signing Failure\\. StatusCode: "
                                                   "-?[1-9][0-9]* DirectedId: ") +
                                       directedId));
-    EXPECT_TRUE(sent == before) << file << ": headers were added";
+    EXPECT_TRUE(sent.getHeaders().empty()) << file << ": headers were added";
   }
   EXPECT_TRUE(server.requests().empty());
 }
