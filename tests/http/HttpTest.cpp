@@ -1,5 +1,5 @@
-// The retry loop on a scripted transport that records its waits, the errors; the
-// transports and the signer against local servers.
+// The retry loop (on a scripted transport that records its waits) and the errors;
+// the curl transports and the signer against local servers.
 #include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
