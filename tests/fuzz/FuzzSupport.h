@@ -70,6 +70,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   std::ofstream(std::string(root) + "/etc/nyx-host/dynconfig")
       << "url.devicemessaging.getmessages=" << nyxfuzz::kFetchUrl << "\n";
   setenv("NYX_ROOT", root, 1);
+  // libFuzzer ends through exit(): the root goes with the process.
+  static struct RemovedAtExit {
+    std::string path;
+    ~RemovedAtExit() { std::filesystem::remove_all(path); }
+  } removed{root};
   return 0;
 }
 
