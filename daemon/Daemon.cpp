@@ -66,6 +66,15 @@ void returnFreedMemoryWhenIdle() {
 #endif
 }
 
+// Tasks still queued when the loop ends are not run; they are destroyed
+// here, closing what their handlers hold open (the registration cache).
+void discardQueuedTasks() {
+  while (Task* task = static_cast<Task*>(g_async_queue_try_pop(taskQueue.get()))) {
+    acquireFromChannel(taskQueue.get());
+    delete task;
+  }
+}
+
 void runWorkerLoop() {
   while (!terminationRequested) {
     std::shared_ptr<Task> task(
@@ -130,6 +139,7 @@ int runDaemon() {
   runWorkerLoop();
 
   logInfo(kMain, "Received termination signal.");
+  discardQueuedTasks();
   corvid_daemon_cleansingleton(lockFile.c_str(), lock);
   // A no-op with OpenSSL 3, which cleans up at exit; older device builds
   // need it.

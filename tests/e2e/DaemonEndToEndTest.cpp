@@ -95,8 +95,11 @@ TEST_F(DaemonEndToEndTest, StopsAfterTheRunningTaskOnSigterm) {
   harness_.mock({"fault", "delay", "--delay", "3", "--only", "fetch"});
   harness_.writeDaemon("wanRing", 1);
   ASSERT_TRUE(daemon.waitForLine("Making request to", kDeadline)) << daemon.output();
+  harness_.writeDaemon("wanRing", 1);  // queued behind the running task, never run
+  ASSERT_TRUE(daemon.waitForLine("Received NUDGE event", kDeadline, 2));
   daemon.signal(SIGTERM);
   ASSERT_EQ(daemon.waitForExit(kDeadline), 0) << daemon.output();
+  EXPECT_EQ(daemon.countLines("I Main: Processing task."), 1u);
   EXPECT_TRUE(inOrder(daemon.lines(), {"I Main: Processing task.", kWaiting,
                                        "I Main: Received termination signal."}))
       << daemon.output();
@@ -217,7 +220,8 @@ TEST_F(DaemonEndToEndTest, PollDeliversPlainAndApplicationMessagesAndQueuesTheir
   EXPECT_NE(jsonLines(appLog)[1].find("hello"), std::string::npos);
   ASSERT_TRUE(waitUntil([&] { return harness_.mock({"acks"})["acks"].Size() == 2; }, kDeadline))
       << daemon.output();
-  for (const auto& ack : harness_.mock({"acks"})["acks"].GetArray()) {
+  const rapidjson::Document acks = harness_.mock({"acks"});
+  for (const auto& ack : acks["acks"].GetArray()) {
     EXPECT_EQ(ack["status"].GetInt(), 1);
     EXPECT_FALSE(ack["retry"].GetBool());
   }
