@@ -139,6 +139,9 @@ int runDaemon() {
   runWorkerLoop();
 
   logInfo(kMain, "Received termination signal.");
+  // No callback may run from here on: it could queue a task after the queue
+  // was emptied, or use what exit tears down.
+  HbusHandleProvider::closeAll();
   discardQueuedTasks();
   corvid_daemon_cleansingleton(lockFile.c_str(), lock);
   // A no-op with OpenSSL 3, which cleans up at exit; older device builds

@@ -1,38 +1,39 @@
 #include "daemon/HbusHandleProvider.h"
 
 #include <map>
-#include <memory>
 #include <stdexcept>
 
 namespace {
 
-void closeHandle(HbusHandleStruct* handle) {
-  if (handle != nullptr) {
-    HbusClose(handle);
-  }
+using HandleTable = std::map<std::string, HbusHandleStruct*>;
+
+// Never destroyed: a bus callback still running while the process exits would
+// otherwise find the table, and the handle it uses, half torn down, and
+// closing a handle waits for that callback. The daemon closes its handles
+// itself at shutdown (closeAll), while everything they use still exists.
+HandleTable& handleTable() {
+  static HandleTable* table = new HandleTable;
+  return *table;
 }
-
-using HandleTable = std::map<std::string, std::shared_ptr<HbusHandleStruct>>;
-
-// Destroyed at process exit, which closes every handle.
-HandleTable handleTable;
 
 }  // namespace
 
 HbusHandleProvider::~HbusHandleProvider() = default;
 
 HbusHandleStruct* HbusHandleProvider::getHandle(const std::string& serviceName) {
-  auto found = handleTable.find(serviceName);
-  if (found != handleTable.end()) {
-    return found->second.get();
+  HandleTable& table = handleTable();
+  auto found = table.find(serviceName);
+  if (found != table.end()) {
+    return found->second;
   }
-  std::shared_ptr<HbusHandleStruct>& entry = handleTable[serviceName];
   int status;
   HbusHandleStruct* handle = HbusInitEx(serviceName.c_str(), &status);
   try {
-    entry = std::shared_ptr<HbusHandleStruct>(handle, closeHandle);
+    table.emplace(serviceName, handle);
   } catch (...) {
-    closeHandle(handle);
+    if (handle != nullptr) {
+      HbusClose(handle);
+    }
     throw;
   }
   if (status != 0) {
@@ -40,4 +41,17 @@ HbusHandleStruct* HbusHandleProvider::getHandle(const std::string& serviceName) 
                              std::to_string(static_cast<unsigned int>(status)));
   }
   return handle;
+}
+
+void HbusHandleProvider::closeAll() {
+  HandleTable& table = handleTable();
+  // Closing a handle stops its listener thread once the callback in progress
+  // has returned, and that callback may still look a handle up: the table is
+  // emptied only after every handle is closed.
+  for (auto& entry : table) {
+    if (entry.second != nullptr) {
+      HbusClose(entry.second);
+    }
+  }
+  table.clear();
 }

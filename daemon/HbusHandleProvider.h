@@ -1,5 +1,5 @@
 // The daemon's handles on the property bus, one per service name, opened on
-// first use and kept until process exit.
+// first use and kept until shutdown closes them.
 //
 // Start-up asks for the handle of the daemon's own service first, on the main
 // thread before the listener thread exists; afterwards both threads only read
@@ -25,6 +25,11 @@ class HbusHandleProvider {
   // back (possibly null) without trying again, so a broken bus fails once,
   // loudly, instead of on every event.
   static HbusHandleStruct* getHandle(const std::string& serviceName);
+
+  // Closes every handle, waiting for a listener callback in progress, and
+  // forgets them; after it no bus callback runs. For shutdown, on the main
+  // thread.
+  static void closeAll();
 };
 
 #endif  // NYX_DAEMON_HBUS_HANDLE_PROVIDER_H

@@ -106,6 +106,29 @@ TEST_F(DaemonEndToEndTest, StopsAfterTheRunningTaskOnSigterm) {
   EXPECT_NE(access(harness_.root().file("var/run/nyx.pid").c_str(), F_OK), 0);
 }
 
+// A bus callback still running at shutdown (here one building a registration
+// handler, which waits for the cache's lock) finishes first, the task it
+// queues is never run, and nyxd exits 0. Exit once tore the handle table and
+// the task queue down under such a callback and hung.
+TEST_F(DaemonEndToEndTest, StopsCleanlyWhileABusCallbackIsStillRunning) {
+  ChildProcess& daemon = harness_.startDaemon();
+  ChildProcess lock(
+      {{"sqlite3", harness_.root().file("var/local/nyx_registration_cache.db")}, false, true});
+  lock.writeInput("BEGIN EXCLUSIVE;\n");
+  harness_.mock({"fault", "delay", "--delay", "3", "--only", "fetch"});
+  harness_.writeDaemon("wanRing", 1);
+  ASSERT_TRUE(daemon.waitForLine("Making request to", kDeadline)) << daemon.output();
+  ChildProcess writer(
+      {{binaryDir() + "/tools/hbus/hbus", "set", "cobalt.device.messaging", "nyx_register", "s"},
+       true});
+  ASSERT_TRUE(daemon.waitForLine("Received NYX registration request.", kDeadline));
+  daemon.signal(SIGTERM);
+  ASSERT_TRUE(daemon.waitForLine("Received termination signal.", kDeadline)) << daemon.output();
+  lock.writeInput("COMMIT;\n");
+  ASSERT_EQ(daemon.waitForExit(kDeadline), 0) << daemon.output();
+  EXPECT_EQ(daemon.countLines("I Main: Processing task."), 1u);
+}
+
 TEST_F(DaemonEndToEndTest, SLOW_StopsWithinTheIdleWaitOnSigterm) {
   ChildProcess& daemon = harness_.startDaemon();
   daemon.signal(SIGTERM);
