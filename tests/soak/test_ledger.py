@@ -158,6 +158,9 @@ class CheckExitsTest(unittest.TestCase):
             ("killed by the soak", end(sig=9, requested="kill"), 0, 1, 0),
             ("forced after an unheeded SIGTERM", end(sig=9, requested="term", escalated=True),
              0, 1, 0),
+            ("forced although the loop had ended", end(
+                sig=9, requested="term", escalated=True,
+                log=["I Main: Received termination signal."]), 0, 0, 1),
             ("an uncaught exception", end(sig=6, log=uncaught), 0, 1, 0),
             ("status 255 without a cause", end(status=255, log=["I Main: x"]), 0, 0, 1),
             ("a crash", end(sig=11), 0, 0, 1),

@@ -294,7 +294,13 @@ def check_exits(exits):
         if end.requested == "kill" and end.signal == SIGKILL:
             cause = "SIGKILL from the soak"
         elif end.escalated and end.signal == SIGKILL:
-            cause = "SIGKILL after SIGTERM went unheeded (a task was still running)"
+            if any("Received termination signal." in line for line in end.log):
+                # The worker loop had ended: nothing was left to wait for.
+                result.failures.append("pid %d hung on its way out after the worker loop ended"
+                                       % end.pid)
+                continue
+            else:
+                cause = "SIGKILL after SIGTERM went unheeded (a task was still running)"
         if cause is None:
             how = "status %s" % end.status if end.signal is None else "signal %d" % end.signal
             tail = " | ".join(end.log[-5:])
