@@ -31,6 +31,19 @@ if(NYX_SANITIZE)
     "G_SLICE=always-malloc")
 endif()
 
+# Time-out (default 300 s), labels and the environment every test gets: where
+# the sources and the build are, the emulator for cross-built programs and the
+# sanitizer options, then the test's own variables.
+function(nyx_set_test_properties name timeout labels environment)
+  if(NOT timeout)
+    set(timeout 300)
+  endif()
+  set_tests_properties(${name} PROPERTIES
+    TIMEOUT ${timeout}
+    LABELS "${labels}"
+    ENVIRONMENT "NYX_SOURCE_DIR=${PROJECT_SOURCE_DIR};NYX_BINARY_DIR=${PROJECT_BINARY_DIR};NYX_TEST_EMULATOR=${NYX_TEST_EMULATOR};${NYX_SANITIZER_ENV};${environment}")
+endfunction()
+
 function(nyx_add_gtest name)
   cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT;ARGS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
@@ -46,13 +59,7 @@ endfunction()
 function(nyx_register_gtest name)
   cmake_parse_arguments(ARG "" "TARGET;TIMEOUT" "ARGS;LABELS;ENVIRONMENT" ${ARGN})
   add_test(NAME ${name} COMMAND ${ARG_TARGET} ${ARG_ARGS})
-  if(NOT ARG_TIMEOUT)
-    set(ARG_TIMEOUT 300)
-  endif()
-  set_tests_properties(${name} PROPERTIES
-    TIMEOUT ${ARG_TIMEOUT}
-    LABELS "${ARG_LABELS}"
-    ENVIRONMENT "NYX_SOURCE_DIR=${PROJECT_SOURCE_DIR};NYX_BINARY_DIR=${PROJECT_BINARY_DIR};NYX_TEST_EMULATOR=${NYX_TEST_EMULATOR};${NYX_SANITIZER_ENV};${ARG_ENVIRONMENT}")
+  nyx_set_test_properties(${name} "${ARG_TIMEOUT}" "${ARG_LABELS}" "${ARG_ENVIRONMENT}")
 endfunction()
 
 # nyx_add_python_test(NAME SCRIPT [INTERPRETER path] [LABELS l...] [ENVIRONMENT K=V...]
@@ -67,11 +74,6 @@ function(nyx_add_python_test name script)
     set(ARG_INTERPRETER ${Python3_EXECUTABLE})
   endif()
   add_test(NAME ${name} COMMAND ${ARG_INTERPRETER} ${script})
-  if(NOT ARG_TIMEOUT)
-    set(ARG_TIMEOUT 300)
-  endif()
-  set_tests_properties(${name} PROPERTIES
-    TIMEOUT ${ARG_TIMEOUT}
-    LABELS "${ARG_LABELS}"
-    ENVIRONMENT "NYX_SOURCE_DIR=${PROJECT_SOURCE_DIR};NYX_BINARY_DIR=${PROJECT_BINARY_DIR};NYX_TEST_EMULATOR=${NYX_TEST_EMULATOR};PYTHONDONTWRITEBYTECODE=1;${NYX_SANITIZER_ENV};${ARG_ENVIRONMENT}")
+  nyx_set_test_properties(${name} "${ARG_TIMEOUT}" "${ARG_LABELS}"
+    "PYTHONDONTWRITEBYTECODE=1;${ARG_ENVIRONMENT}")
 endfunction()
