@@ -29,4 +29,13 @@ class JsonError : public std::runtime_error {
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+// Parses an untrusted text into document. Iteratively: the depth of nesting
+// costs heap, never the worker thread's stack, so a document nested a
+// hundred thousand levels deep is read (or rejected) like any other. The
+// result is checked by the caller (HasParseError, then the types).
+template <typename Document>
+void parseUntrusted(Document& document, const std::string& text) {
+  document.template Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
+}
+
 #endif  // NYX_DAEMON_JSON_H

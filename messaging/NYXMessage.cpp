@@ -100,9 +100,7 @@ NYXMessage NYXMessage::fromEnvelope(const WispMessage& message) {
   }
   rapidjson::MemoryPoolAllocator<> allocator(64 * 1024);
   rapidjson::Document document(&allocator);
-  const std::string& payload = message.getPayload();
-  // Iterative parsing: nesting depth costs heap, not the worker thread's stack.
-  document.Parse<rapidjson::kParseIterativeFlag>(payload.data(), payload.size());
+  parseUntrusted(document, message.getPayload());
   // A payload that is not a JSON object has none of the required members.
   if (document.HasParseError() || !document.IsObject()) {
     throw std::runtime_error("NYX envelope is not a JSON object");

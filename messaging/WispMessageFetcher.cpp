@@ -179,9 +179,7 @@ bool WispMessageFetcher::fetchNextPage(const WispPollReason& reason,
 
   rapidjson::MemoryPoolAllocator<> allocator(64 * 1024);
   rapidjson::Document page(&allocator);
-  const std::string& body = response.getBody();
-  // Iterative parsing: nesting depth costs heap, not the worker thread's stack.
-  page.Parse<rapidjson::kParseIterativeFlag>(body.data(), body.size());
+  parseUntrusted(page, response.getBody());
 
   bool foundMessages = false;
   if (page.HasParseError() || !page.IsObject()) {
