@@ -2,7 +2,6 @@
 
 #include <boost/algorithm/string/trim.hpp>
 #include <locale>
-#include <stdexcept>
 
 #include "daemon/Json.h"
 #include "daemon/Logging.h"
@@ -32,16 +31,28 @@ void validateSenders(const SenderList& senders) {
   }
 }
 
+// The identifier in a success answer. An answer that does not hold one is a
+// failure of the service, as an answer that never came would be: IOError,
+// which the application receives as "ServiceNotAvailable" with this text.
 std::string readRegistrationId(const WebResponse& response) {
   rapidjson::Document document;
-  const std::string& body = response.getBody();
-  document.Parse(body.c_str(), body.size());
-  if (document.HasParseError() || !document.IsObject()) {
-    throw std::runtime_error("Registration response is not a JSON object");
+  parseUntrusted(document, response.getBody());
+  if (document.HasParseError()) {
+    throw IOError(std::string("Registration response is not JSON: ") +
+                  rapidjson::GetParseError_En(document.GetParseError()));
+  }
+  if (!document.IsObject()) {
+    throw IOError("Registration response is not a JSON object");
   }
   auto member = document.FindMember("registrationID");
-  if (member == document.MemberEnd() || !member->value.IsString()) {
-    throw std::runtime_error("Registration response has no registrationID");
+  if (member == document.MemberEnd()) {
+    throw IOError("Registration response has no registrationID");
+  }
+  if (!member->value.IsString()) {
+    throw IOError("Registration response has a registrationID that is not a string");
+  }
+  if (member->value.GetStringLength() == 0) {
+    throw IOError("Registration response has an empty registrationID");
   }
   return std::string(member->value.GetString(), member->value.GetStringLength());
 }
@@ -54,8 +65,7 @@ void raiseIfSenderRejected(const ClientError& error) {
     return;
   }
   rapidjson::Document document;
-  const std::string& body = response.getBody();
-  document.Parse(body.c_str(), body.size());
+  parseUntrusted(document, response.getBody());
   if (document.HasParseError() || !document.IsObject()) {
     return;
   }
@@ -112,8 +122,11 @@ std::string NYXRegistrar::registerApp(const SenderList& senders, const AppInfoMa
     return cached;
   }
 
-  // After the cache: an application registered while an account was signed
-  // in keeps its answer even when the account is gone.
+  // After the cache, as the design orders it. Without an account the
+  // look-up above binds the empty account, under which no "DeviceCustomer"
+  // registration is ever stored (storing one needs an account), so an
+  // application whose account signed out is refused here. Its row stays and
+  // answers again once the same account is back.
   if (scope == NYXRegistrationScope::DeviceCustomer && accountId.empty()) {
     throw NYXRegistrationError(
         NYXRegistrationErrorCode::AuthenticationFailed,

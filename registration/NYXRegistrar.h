@@ -35,11 +35,12 @@ class NYXRegistrar {
   // that is blank, or a 499 answer whose "reason" is "InvalidSenderId" (its
   // "message" becomes the description); "AuthenticationFailed" for scope
   // "DeviceCustomer" without an account (checked only after the cache);
-  // "ServiceNotAvailable" for any IOError of the exchange. Every other
-  // ClientError passes unchanged. A success answer without a string
-  // "registrationID" throws std::runtime_error; request building, signing
-  // and the cache throw std::runtime_error. The cache is written only after
-  // the server answered with an identifier.
+  // "ServiceNotAvailable" for any IOError of the exchange, and for a success
+  // answer that is not a JSON object with a non-empty string
+  // "registrationID" (the description says what was wrong). Every other
+  // ClientError passes unchanged; request building, signing and the cache
+  // throw std::runtime_error. The cache is written only after the server
+  // answered with an identifier.
   virtual std::string registerApp(const SenderList& senders, const AppInfoMap& appInfo,
                                   const AppInfoMap& appInstanceInfo,
                                   const NYXRegistrationScope& scope,

@@ -2,6 +2,7 @@
 
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
+#include <functional>
 
 #include "daemon/IPCMessageSender.h"
 #include "daemon/Logging.h"
@@ -19,6 +20,10 @@ const char kPlatformName[] = "Tessel";
 
 AppInfoMap describeApp(const std::string& serviceName) { return {{"service.name", serviceName}}; }
 
+// The device's registrar, made when a request is handled: its cache holds an
+// open SQLite connection (a file descriptor) from here until the request is
+// answered. A handler waiting in the task queue holds none, so a flood of
+// queued requests costs memory only, never the process's open files.
 std::shared_ptr<NYXRegistrar> makeDeviceRegistrar(const std::string& customerId) {
   auto httpClient = std::make_shared<TesselCurlHttpClient>();
   auto signer = std::make_shared<TesselRequestSigner>(customerId);
@@ -30,18 +35,19 @@ std::shared_ptr<NYXRegistrar> makeDeviceRegistrar(const std::string& customerId)
 }  // namespace
 
 struct NYXRegistrationRequestHandler::Record {
-  std::shared_ptr<NYXRegistrar> registrar;
+  // Gives the registrar for one request.
+  std::function<std::shared_ptr<NYXRegistrar>()> registrar;
   std::shared_ptr<NYXRegistrationResponder> responder;
 };
 
 NYXRegistrationRequestHandler::NYXRegistrationRequestHandler(const std::string& customerId)
-    : NYXRegistrationRequestHandler(
-          makeDeviceRegistrar(customerId),
-          std::make_shared<NYXRegistrationResponder>(std::make_shared<IPCMessageSender>())) {}
+    : record_(new Record{
+          [customerId] { return makeDeviceRegistrar(customerId); },
+          std::make_shared<NYXRegistrationResponder>(std::make_shared<IPCMessageSender>())}) {}
 
 NYXRegistrationRequestHandler::NYXRegistrationRequestHandler(
     std::shared_ptr<NYXRegistrar> registrar, std::shared_ptr<NYXRegistrationResponder> responder)
-    : record_(new Record{std::move(registrar), std::move(responder)}) {}
+    : record_(new Record{[registrar] { return registrar; }, std::move(responder)}) {}
 
 NYXRegistrationRequestHandler::~NYXRegistrationRequestHandler() = default;
 
@@ -53,8 +59,8 @@ void NYXRegistrationRequestHandler::handleRegister(const std::string& serviceNam
                           boost::algorithm::token_compress_on);
   try {
     std::string registrationId =
-        record_->registrar->registerApp(senders, describeApp(serviceName), AppInfoMap(),
-                                        NYXRegistrationScope::DeviceCustomer, reason);
+        record_->registrar()->registerApp(senders, describeApp(serviceName), AppInfoMap(),
+                                          NYXRegistrationScope::DeviceCustomer, reason);
     record_->responder->respondSuccess(serviceName, registrationId,
                                        NYXRegistrationState::Registered);
   } catch (const NYXRegistrationError& error) {
@@ -66,7 +72,7 @@ void NYXRegistrationRequestHandler::handleRegister(const std::string& serviceNam
 void NYXRegistrationRequestHandler::handleUnregister(const std::string& serviceName,
                                                      const NYXRegistrationReason& reason) {
   try {
-    std::string registrationId = record_->registrar->unregisterApp(
+    std::string registrationId = record_->registrar()->unregisterApp(
         describeApp(serviceName), AppInfoMap(), NYXRegistrationScope::DeviceCustomer, reason);
     record_->responder->respondSuccess(serviceName, registrationId,
                                        NYXRegistrationState::Unregistered);

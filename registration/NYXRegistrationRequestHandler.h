@@ -16,12 +16,12 @@
 
 class NYXRegistrationRequestHandler {
  public:
-  // Builds the device's HTTP client, a request signer for customerId ("" for
-  // none), the registrar for the platform "Tessel" on the cache file
-  // $NYX_ROOT/var/local/nyx_registration_cache.db, a bus message sender and
-  // the responder. Opens the cache (creating its table on first use) and
-  // touches neither the network nor the bus. Throws std::runtime_error when
-  // the cache cannot be opened.
+  // A handler for customerId ("" for none) that holds no open file, socket
+  // or bus object while it waits in the task queue: only the responder is
+  // made here. Each request handled makes the device's HTTP client, a
+  // request signer for customerId and the registrar for the platform
+  // "Tessel" on the cache file $NYX_ROOT/var/local/nyx_registration_cache.db,
+  // and releases them, closing the cache, when it has been answered.
   explicit NYXRegistrationRequestHandler(const std::string& customerId);
 
   // Uses the given collaborators, for tests.
@@ -37,7 +37,8 @@ class NYXRegistrationRequestHandler {
   // at either end leaves an empty sender there, and an empty text is one
   // empty sender; the registrar rejects both. The application receives the
   // identifier or, for an NYXRegistrationError, the error. Any other
-  // exception leaves the handler and the application receives nothing.
+  // exception (the cache cannot be opened, a configuration key is missing)
+  // leaves the handler and the application receives nothing.
   virtual void handleRegister(const std::string& serviceName, const std::string& sendersText,
                               const NYXRegistrationReason& reason);
 

@@ -8,7 +8,9 @@
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -374,6 +376,17 @@ TEST_F(RegistrarTest, FailuresAreAnsweredOrPassedOnUnchangedAndLeaveTheCacheAlon
   const std::string rejected = R"({"reason":"InvalidSenderId","message":"Sender s1 is unknown"})";
   const std::string json = "\nContent-Type: application/json\n";
   auto ioError = [](const WebRequest&) -> WebResponse { throw IOError("Couldn't connect"); };
+  auto unusable = [&](const std::string& what) {
+    return answer +
+           R"({"error":"ServiceNotAvailable","error_description":"Registration response )" + what +
+           R"("})";
+  };
+  // An object nested 200,000 levels deep: read without exhausting the stack.
+  std::string deep;
+  for (int level = 0; level < 200000; ++level) {
+    deep += R"({"a":)";
+  }
+  deep += "1" + std::string(200000, '}');
   // Senders text, server, then what the handler did.
   const std::tuple<std::string, std::function<WebResponse(const WebRequest&)>, std::string>
       cases[] = {
@@ -391,18 +404,42 @@ TEST_F(RegistrarTest, FailuresAreAnsweredOrPassedOnUnchangedAndLeaveTheCacheAlon
           {"s1", reply(503, "busy"),
            answer + R"({"error":"ServiceNotAvailable","error_description":"Status Code: 503)" +
                R"(\nContent-Type: application/json\nbusy"})"},
-          {"s1", reply(200, R"({"registrationId":"reg-1"})"),
-           "runtime_error Registration response has no registrationID"},
+          // A success answer without a usable identifier is the service failing.
+          {"s1", reply(200, "<html>moved</html>"), unusable("is not JSON: Invalid value.")},
+          {"s1", reply(200, R"(["reg-1"])"), unusable("is not a JSON object")},
+          {"s1", reply(200, std::string(200000, '[') + std::string(200000, ']')),
+           unusable("is not a JSON object")},
+          {"s1", reply(200, R"({"registrationId":"reg-1"})"), unusable("has no registrationID")},
+          {"s1", reply(200, deep), unusable("has no registrationID")},
           {"s1", reply(200, R"({"registrationID":7})"),
-           "runtime_error Registration response has no registrationID"},
+           unusable("has a registrationID that is not a string")},
+          {"s1", reply(200, R"({"registrationID":""})"), unusable("has an empty registrationID")},
       };
+  // Registered before with other senders: a new registration would replace it.
+  cache_->store("reg-old", {"other"}, kApp, kNoInstance, kCustomer, "account-1");
   for (const auto& [senders, server, outcome] : cases) {
     SCOPED_TRACE(outcome);
     client_->answer = server;
     EXPECT_EQ(handle([&] { handler_->handleRegister("com.example.app", senders, kAppInitiated); }),
               outcome);
-    EXPECT_EQ(cached(), "");
+    EXPECT_EQ(cached(), "reg-old");
   }
+}
+
+// Thousands of registration tasks may wait in the queue (an application
+// writing "nyx_register" in a loop); their handlers must not hold the cache
+// open, or the daemon runs out of file descriptors.
+TEST_F(RegistrarTest, HandlersWaitingForTheirTaskHoldNoOpenFile) {
+  auto openFiles = [] {
+    const std::filesystem::directory_iterator fds("/proc/self/fd");
+    return std::distance(begin(fds), end(fds));
+  };
+  const auto before = openFiles();
+  std::vector<std::unique_ptr<NYXRegistrationRequestHandler>> queued;
+  for (int task = 0; task < 1000; ++task) {
+    queued.push_back(std::make_unique<NYXRegistrationRequestHandler>("customer-1"));
+  }
+  EXPECT_EQ(openFiles(), before);
 }
 
 // The entry goes before the server is asked, so a failed revocation still
