@@ -201,6 +201,8 @@ TEST_F(MessagingTest, FetchPagesUntilNoNextPageWithOneCallMoreAfterMessages) {
   const std::string notArray =
       R"(ERROR WispMessageFetcher: Ignored "messages" that is not an array.)";
   const std::string next = R"("nextPage":")" + kPage2 + "\"}";
+  // Nested 200,000 levels deep: read without exhausting the stack.
+  const std::string deepArray = std::string(200000, '[') + std::string(200000, ']');
   // Page 1, then the results of successive calls, the URLs asked for and the
   // error logged; page 2 is the last, with messages.
   const std::tuple<std::string, std::vector<bool>, std::vector<std::string>, std::string> cases[] =
@@ -212,6 +214,8 @@ TEST_F(MessagingTest, FetchPagesUntilNoNextPageWithOneCallMoreAfterMessages) {
           {"<html>busy</html>", {false}, {kPage1}, notJson},
           {R"({"messages": {}})", {false}, {kPage1}, notArray},
           {R"({"messages":"x",)" + next, {true, true, false}, {kPage1, kPage2}, notArray},
+          {deepArray, {false}, {kPage1}, notJson},
+          {R"({"other":)" + deepArray + "}", {false}, {kPage1}, ""},
       };
   client_->pages[kPage2] = {200, R"({"messages":[]})"};
   for (const auto& [page1, expected, expectedUrls, error] : cases) {
