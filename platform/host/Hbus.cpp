@@ -9,7 +9,11 @@
 // synchronous D-Bus calls that any thread may make; GDBus's own worker
 // thread carries the messages.
 #include <gio/gio.h>
+#include <syslog.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -151,6 +155,7 @@ struct HbusHandleStruct {
   GMainContext* context = nullptr;
   GDBusConnection* connection = nullptr;
   guint registration = 0;
+  gulong closedHandler = 0;
   std::string ownedName;
 
   std::mutex propertiesMutex;
@@ -265,6 +270,28 @@ void onMethodCall(GDBusConnection* /*connection*/, const gchar* sender, const gc
 
 const GDBusInterfaceVTable kVTable = {onMethodCall, nullptr, nullptr, {nullptr}};
 
+// The connection closed without HbusClose (which disconnects this first):
+// the bus daemon went away, for example restarted. Nothing will reach this
+// process's properties again, and a process that looks alive but hears
+// nothing is never restarted by its supervisor. So it ends, with a non-zero
+// status that a supervisor restarts on failure, after saying why on standard
+// error and in syslog (a service's standard error may go nowhere). Runs on
+// the listener thread; _exit, because the other threads are still running
+// and no destructor may run under them.
+void onConnectionClosed(GDBusConnection* connection, gboolean /*remotePeerVanished*/, GError* error,
+                        gpointer userData) {
+  auto* handle = static_cast<HbusHandleStruct*>(userData);
+  const char* name = !handle->ownedName.empty() ? handle->ownedName.c_str()
+                                                : g_dbus_connection_get_unique_name(connection);
+  char text[512];
+  snprintf(text, sizeof text, "Lost the connection to the bus (service %s): %s. Exiting.",
+           name != nullptr ? name : "(anonymous)",
+           error != nullptr ? error->message : "closed by the bus");
+  fprintf(stderr, "E Hbus: %s\n", text);
+  syslog(LOG_ERR, "Hbus: %s", text);
+  _exit(EXIT_FAILURE);
+}
+
 // Owns name without queueing: 0, or the status of HbusInitEx.
 int requestName(GDBusConnection* connection, const char* name) {
   GError* rawError = nullptr;
@@ -302,7 +329,11 @@ int connectHandle(HbusHandleStruct* handle) {
   ErrorPtr connectError(rawError);
   rawError = nullptr;
   if (handle->connection != nullptr) {
+    // GDBus would raise SIGTERM on a lost bus, which reads as a clean stop;
+    // onConnectionClosed ends the process as a failure instead.
     g_dbus_connection_set_exit_on_close(handle->connection, FALSE);
+    handle->closedHandler =
+        g_signal_connect(handle->connection, "closed", G_CALLBACK(onConnectionClosed), handle);
     handle->registration = g_dbus_connection_register_object(
         handle->connection, kObjectPath, interfaceInfo(), &kVTable, handle, nullptr, &rawError);
   }
@@ -414,6 +445,9 @@ void HbusClose(HbusHandleStruct* handle) {
   }
   stopListener(handle);
   if (handle->connection != nullptr) {
+    if (handle->closedHandler != 0) {
+      g_signal_handler_disconnect(handle->connection, handle->closedHandler);
+    }
     if (handle->registration != 0) {
       g_dbus_connection_unregister_object(handle->connection, handle->registration);
     }

@@ -47,8 +47,22 @@ typedef int (*HbusStringWriteHandlerNew)(HbusHandleStruct* handle, const char* p
                                          const char* value, GHashTable* parameters, void* userData);
 
 /* Connects to the bus and publishes serviceName. Always writes *status; the
- * returned handle may be NULL on failure and is released with HbusClose. */
+ * returned handle may be NULL on failure and is released with HbusClose.
+ *
+ * Once the handle's listener runs, losing the connection to the bus (the bus
+ * daemon stopped or restarted) must not go unnoticed: the library ends the
+ * process with a non-zero exit status after logging that the bus connection
+ * was lost (standard error and syslog). A process whose properties nobody
+ * can reach any more would otherwise look alive to its supervisor, which
+ * then never restarts it on the new bus. */
 HbusHandleStruct* HbusInitEx(const char* serviceName, int* status);
+
+/* Stops the handle's listener thread and releases the handle. A write or
+ * read handler that is running when HbusClose is called finishes first:
+ * HbusClose returns only after it has returned, and no handler of this
+ * handle runs afterwards. The daemon's shut-down relies on this to tear
+ * down what its handlers use. (Called from inside a handler, it does not
+ * wait for that handler.) */
 void HbusClose(HbusHandleStruct* handle);
 
 int HbusRegisterIntProperty(HbusHandleStruct* handle, const char* property,
