@@ -103,10 +103,23 @@ int terminateOnException(Body&& body) noexcept {
   }
 }
 
+// The "sender" request parameter: the bus name of the writer, to which the
+// answer goes. "" when it is missing or empty.
 std::string senderOf(GHashTable* parameters) {
   const char* sender =
       parameters ? static_cast<const char*>(g_hash_table_lookup(parameters, "sender")) : nullptr;
   return sender ? sender : "";
+}
+
+// A request without a sender names no application: registering one called
+// "" would store a row nobody owns and send the answer nowhere. The bus
+// always names the writer, so this is a fault of the bus, logged and dropped.
+bool hasSender(const std::string& sender, const char* request) {
+  if (sender.empty()) {
+    logWarn(kMain, "Ignoring NYX %s request without a sender.", request);
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -178,8 +191,12 @@ int handleRegisterRequest(HbusHandleStruct*, const char*, const char* value, GHa
                           void*) noexcept {
   return terminateOnException([&] {
     logInfo(kMain, "Received NYX registration request.");
+    const std::string sender = senderOf(parameters);
+    if (!hasSender(sender, "registration")) {
+      return 0;
+    }
     pushTask(std::make_unique<NYXRegisterTask>(
-        senderOf(parameters), value ? value : "",
+        sender, value ? value : "",
         std::make_shared<NYXRegistrationRequestHandler>(getActiveCustomerId())));
     return 0;
   });
@@ -190,9 +207,12 @@ int handleUnregisterRequest(HbusHandleStruct*, const char*, const char*, GHashTa
   return terminateOnException([&] {
     // "unregtration" is the daemon's established log text; tools match it.
     logInfo(kMain, "Received NYX unregtration request.");
+    const std::string sender = senderOf(parameters);
+    if (!hasSender(sender, "unregistration")) {
+      return 0;
+    }
     pushTask(std::make_unique<NYXUnregisterTask>(
-        senderOf(parameters),
-        std::make_shared<NYXRegistrationRequestHandler>(getActiveCustomerId())));
+        sender, std::make_shared<NYXRegistrationRequestHandler>(getActiveCustomerId())));
     return 0;
   });
 }

@@ -43,9 +43,11 @@ void checkHbusStatus(const std::string& label, int status);
 std::string getActiveCustomerId();
 
 // The write handlers. They always return 0, also when they drop the event.
-// They are noexcept: an exception (a handler that cannot be built because of
-// a missing configuration key or an unusable cache) ends the process at once,
-// with the error in the log, instead of unwinding through the bus library.
+// They are noexcept: an exception (none is expected: building a task opens
+// no file and reads no configuration) ends the process at once, with the
+// error in the log, instead of unwinding through the bus library. A
+// registration or unregistration request without a "sender" parameter is
+// logged ("Ignoring NYX ... request without a sender.") and dropped.
 int handleNudgeEvent(HbusHandleStruct* handle, const char* name, int value,
                      void* userData) noexcept;
 int handleMissedNudgeEvent(HbusHandleStruct* handle, const char* name, int value,
