@@ -21,6 +21,7 @@
 #include "daemon/Logging.h"
 #include "daemon/RootedPath.h"
 #include "daemon/Task.h"
+#include "daemon/Termination.h"
 #include "daemon_monitor.h"
 #include "hbus.h"
 
@@ -31,10 +32,7 @@ constexpr char kLockFile[] = "/var/run/nyx.pid";
 constexpr int kDaemonMonitorInterval = 60;
 constexpr guint64 kTaskWaitMicroseconds = 15000000;
 
-// Set by the SIGTERM handler; read and reset by the worker loop.
-volatile std::sig_atomic_t terminationRequested = 0;
-
-void handleTermination(int) { terminationRequested = 1; }
+void handleTermination(int) { terminationRequested.store(true); }
 
 // What an exception that nothing catches does: the design lets it end the
 // process (a supervisor restarts the daemon), and this puts its text into the
@@ -76,7 +74,7 @@ void discardQueuedTasks() {
 }
 
 void runWorkerLoop() {
-  while (!terminationRequested) {
+  while (!terminationRequested.load()) {
     std::shared_ptr<Task> task(
         static_cast<Task*>(g_async_queue_timeout_pop(taskQueue.get(), kTaskWaitMicroseconds)));
     if (!task) {
@@ -85,8 +83,9 @@ void runWorkerLoop() {
     acquireFromChannel(taskQueue.get());
     logInfo(kMain, "Processing task.");
     // A signal that came while the loop waited is forgotten once a task
-    // arrives; one that comes while the task runs ends the loop after it.
-    terminationRequested = 0;
+    // arrives; one that comes while the task runs ends the loop after it
+    // (and cuts short any retry wait of the task, see HttpClient).
+    terminationRequested.store(false);
     task->run();
     logInfo(kMain, "Waiting for tasks.");
     task.reset();

@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "daemon/Logging.h"
+#include "daemon/Termination.h"
 #include "http/HttpErrors.h"
 
 namespace {
@@ -51,11 +52,16 @@ HttpClient::~HttpClient() = default;
 
 void HttpClient::waitSeconds(unsigned int seconds) {
   logInfo(kTag, "Waiting for %d seconds before next attempt", static_cast<int>(seconds));
-  // sleep() returns early with the time left when a signal arrives; the
-  // wait is never shortened.
-  unsigned int left = seconds;
-  while (left > 0) {
-    left = sleep(left);
+  // One second at a time, so that a stop is noticed within a second: a wait
+  // may last up to 299 seconds and several follow each other, far longer than
+  // a supervisor waits for a stop. SIGTERM may be handled on another thread
+  // and then does not cut a sleep short here; only the flag tells. Otherwise
+  // the wait is never shortened.
+  for (unsigned int second = 0; second < seconds && !terminationRequested.load(); ++second) {
+    unsigned int left = 1;
+    while (left > 0) {
+      left = sleep(left);
+    }
   }
 }
 
@@ -78,6 +84,11 @@ WebResponse HttpClient::execute(const WebRequest& request) {
       }
       logError(kTag, "IOError: %s", error.what());
       waitSeconds(drawWait(base));
+      if (terminationRequested.load()) {
+        // A stop ends the retries with the failure in hand, as if they were
+        // used up: the task then ends as it would after its last attempt.
+        throw;
+      }
       base = nextBase(base);
       continue;
     }
@@ -98,6 +109,9 @@ WebResponse HttpClient::execute(const WebRequest& request) {
     // failing server is never asked again sooner than the schedule allows,
     // even by the caller's next call.
     waitSeconds(drawWait(base));
+    if (terminationRequested.load()) {
+      break;  // with this 5xx as the final answer, as above
+    }
     base = nextBase(base);
   }
   const uint32_t status = result.getStatusCode();

@@ -3,6 +3,7 @@
 #include <list>
 
 #include "daemon/Logging.h"
+#include "daemon/Termination.h"
 #include "http/HttpErrors.h"
 #include "http/TesselCurlHttpClient.h"
 #include "http/TesselRequestSigner.h"
@@ -38,6 +39,12 @@ void WispPollRequestHandler::Impl::runCycle(const WispPollReason& reason) {
       }
       purger->purge(*message, status);
       message = messages.erase(message);
+    }
+    if (terminationRequested.load()) {
+      // The daemon is stopping: no further page. What was not purged stays
+      // on the server and comes back in the next cycle after the restart.
+      logInfo(kTag, "Stopping: poll cycle ended after this page.");
+      return;
     }
   }
 }

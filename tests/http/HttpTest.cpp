@@ -4,11 +4,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "daemon/Termination.h"
 #include "http/HttpErrors.h"
 #include "http/TesselCurlHttpClient.h"
 #include "http/TesselRequestSigner.h"
@@ -63,20 +65,31 @@ std::string outcome(const std::function<WebResponse()>& call) {
   }
 }
 
+// A step ending in " +stop" asks the daemon to stop (as SIGTERM does) during
+// the wait that follows it.
 struct ScriptedClient : HttpClient {
   explicit ScriptedClient(std::vector<std::string> steps) : steps(std::move(steps)) {}
   WebResponse perform(const WebRequest&) override {
-    return answer(performed < steps.size() ? steps[performed++] : "?performed too often");
+    std::string step = performed < steps.size() ? steps[performed++] : "?performed too often";
+    const size_t stop = step.find(" +stop");
+    stopInNextWait = stop != std::string::npos;
+    return answer(step.substr(0, stop));
   }
-  void waitSeconds(unsigned int seconds) override { waits.push_back(seconds); }
+  void waitSeconds(unsigned int seconds) override {
+    waits.push_back(seconds);
+    terminationRequested.store(stopInNextWait);
+  }
   std::string run(uint32_t maxRetries) {
     WebRequest sent = request("https://messaging.example/poll");
     sent.setMaxRetries(maxRetries);
-    return outcome([&] { return execute(sent); });
+    const std::string ended = outcome([&] { return execute(sent); });
+    terminationRequested.store(false);
+    return ended;
   }
 
   std::vector<std::string> steps;
   size_t performed = 0;
+  bool stopInNextWait = false;
   std::vector<unsigned int> waits;
 };
 
@@ -97,6 +110,9 @@ TEST(HttpClientTest, RetriesOnTheScheduleAndEndsWithTheRightOutcome) {
       {2, {"!e1", "503 2", "200"}, {{5, 9}, {10, 19}}, "returns 200"},
       {3, {"499 1"}, {}, "ClientError 499"},
       {3, {"302"}, {}, "returns 302"},
+      // A stop during a wait: no further attempt, the failure in hand is final.
+      {3, {"!e1", "!e2 +stop"}, {{5, 9}, {10, 19}}, "transport e2"},
+      {3, {"503 +stop"}, {{5, 9}}, "ServerError 503"},
       {3, {"?Failed to initialize curl"}, {}, "other Failed to initialize curl"},
       {UINT32_MAX, {}, {}, "returns 0"},  // the attempt count wraps to 0
   };
@@ -124,12 +140,19 @@ TEST(HttpClientTest, LogsEachAttemptAndWhyItRetries) {
   ScriptedClient client({"!Timeout was reached: slow", "503", "503 301"});
   client.run(3);
   client.HttpClient::waitSeconds(0);
+  // Once a stop is asked for, even the longest wait returns within a second.
+  terminationRequested.store(true);
+  const auto start = std::chrono::steady_clock::now();
+  client.HttpClient::waitSeconds(299);
+  terminationRequested.store(false);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
   EXPECT_EQ(log.lines(), (std::vector<std::string>{
                              "INFO HttpClient: Making request to https://messaging.example/poll",
                              "ERROR HttpClient: IOError: Timeout was reached: slow",
                              "INFO HttpClient: Retry 1", "INFO HttpClient: Retry 2",
                              "ERROR HttpClient: Server retry of 301 is too long, try again later",
-                             "INFO HttpClient: Waiting for 0 seconds before next attempt"}));
+                             "INFO HttpClient: Waiting for 0 seconds before next attempt",
+                             "INFO HttpClient: Waiting for 299 seconds before next attempt"}));
 }
 
 TEST(HttpErrorsTest, MessagesListStatusHeadersAndBodyAndRaiseKeepsTheType) {

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "daemon/Json.h"
+#include "daemon/Termination.h"
 #include "hbus.h"
 #include "http/HttpErrors.h"
 #include "messaging/Base64.h"
@@ -379,6 +380,16 @@ TEST_F(MessagingTest, PollRepeatsUnresponsiveDeliveriesAfterEachPageAndEndsOnAnI
     }
     EXPECT_EQ(log_.count(c.error.empty() ? "IOError" : c.error), c.error.empty() ? 0u : 1u);
   }
+  // A stop ends the cycle after the page in hand.
+  sender_->sent.clear();
+  client_->urls.clear();
+  sender_->statuses["svc.busy"] = {0};
+  terminationRequested.store(true);
+  handler_->handlePoll(WispPollReason::NUDGE);
+  terminationRequested.store(false);
+  EXPECT_EQ(client_->urls, std::vector<std::string>{kPage1});
+  EXPECT_EQ(busTraffic(),
+            (std::vector<std::string>{"svc.busy:m1", "purge:m1/1", "svc.ok:m2", "purge:m2/1"}));
   client_->pages[kPage2] = {404, ""};  // any other failure ends the task
   EXPECT_THROW(handler_->handlePoll(WispPollReason::NUDGE), ClientError);
 }

@@ -1,0 +1,3 @@
+#include "daemon/Termination.h"
+
+std::atomic<bool> terminationRequested{false};
