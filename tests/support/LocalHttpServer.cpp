@@ -73,6 +73,8 @@ std::string scriptJson(const std::vector<HttpAnswer>& script) {
     writer.Bool(answer.closeMidBody);
     writer.Key("repeat");
     writer.Bool(answer.repeat);
+    writer.Key("hold");
+    writer.Bool(answer.hold);
     writer.EndObject();
   }
   writer.EndArray();
@@ -136,6 +138,13 @@ void LocalHttpServer::setScript(const std::vector<HttpAnswer>& script) {
   if (!process_->waitForLine("script loaded " + std::to_string(++loads_), milliseconds(10000))) {
     throw std::runtime_error("the local HTTP server did not load the script: " +
                              process_->output());
+  }
+}
+
+void LocalHttpServer::release() {
+  process_->writeInput("release\n");
+  if (!process_->waitForLine("released", milliseconds(10000))) {
+    throw std::runtime_error("the local HTTP server did not release: " + process_->output());
   }
 }
 

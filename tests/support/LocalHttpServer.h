@@ -31,6 +31,9 @@ struct HttpAnswer {
   bool closeMidBody = false;
   // Never used up.
   bool repeat = false;
+  // Not sent before release() (or the server's end): a server holding its
+  // answer for as long as the test needs.
+  bool hold = false;
 };
 
 struct RecordedRequest {
@@ -71,6 +74,8 @@ class LocalHttpServer {
   std::string url(const std::string& pathAndQuery = "/") const;
   // Replaces the script, dropping unused answers; returns once it is loaded.
   void setScript(const std::vector<HttpAnswer>& script);
+  // Lets every held answer go, now and from now on.
+  void release();
   // Every request received so far, oldest first.
   std::vector<RecordedRequest> requests() const;
 

@@ -295,6 +295,10 @@ PrivateBus::PrivateBus() {
 
 PrivateBus::~PrivateBus() {
   addressEnv_.reset();
+  stop();
+}
+
+void PrivateBus::stop() {
   daemon_->closeInput();
   daemon_->waitForExit(milliseconds(5000));
 }

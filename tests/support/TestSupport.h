@@ -132,6 +132,9 @@ class PrivateBus {
   PrivateBus();
   ~PrivateBus();
   const std::string& address() const { return address_; }
+  // Ends the dbus-daemon now, as a restart of the bus on a device would, and
+  // waits for it to exit.
+  void stop();
 
  private:
   ScopedEnv busEnv_{"HBUS_BUS", std::nullopt};

@@ -7,9 +7,10 @@ with method, target, version, headers as [name, value] pairs, body_base64 and,
 with --signing-secret, signature) before it is answered.
 
 Script: a JSON array of answers (status, headers as raw lines, body or
-body_base64, path, delay, close_mid_body, repeat). A request takes the first
-unused answer whose path, if any, is its own; without one it gets 404. Each
-line on standard input is a new script; "script loaded N" confirms it.
+body_base64, path, delay, close_mid_body, repeat, hold). A request takes the
+first unused answer whose path, if any, is its own; without one it gets 404.
+Each line on standard input is a new script; "script loaded N" confirms it.
+The line "release" lets held answers go ("released" confirms it).
 With --proxy it tunnels CONNECT and forwards absolute-form requests instead.
 """
 
@@ -34,6 +35,7 @@ class State:
     def __init__(self, record_path, script, signing_secret):
         self.lock, self.record_path, self.secret = threading.Lock(), record_path, signing_secret
         self.script, self.used, self.loads, self.records = script, set(), 0, []
+        self.released = threading.Event()
 
     def record(self, entry):
         with self.lock:
@@ -90,6 +92,8 @@ class ScriptedHandler(http.server.BaseHTTPRequestHandler):
         self.state.record(entry)
 
         answer = self.state.take_answer(urllib.parse.urlsplit(self.path).path)
+        if answer.get("hold"):
+            self.state.released.wait()
         time.sleep(float(answer.get("delay", 0)))
         payload = base64.b64decode(answer.get("body_base64", "")) or answer.get("body", "").encode()
         lines = list(answer.get("headers", []))
@@ -176,7 +180,10 @@ class Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
 
 def read_scripts(state):
     for line in sys.stdin:
-        if line.strip():
+        if line.strip() == "release":
+            state.released.set()
+            print("released", flush=True)
+        elif line.strip():
             print("script loaded %d" % state.replace_script(json.loads(line)), flush=True)
     os._exit(0)  # the test closed our input or died: do not outlive it
 
