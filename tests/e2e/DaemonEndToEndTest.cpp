@@ -7,11 +7,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "hbus.h"
 #include "tests/e2e/DaemonHarness.h"
+#include "tests/support/LocalHttpServer.h"
 
 namespace nyxtest {
 namespace {
@@ -106,27 +113,54 @@ TEST_F(DaemonEndToEndTest, StopsAfterTheRunningTaskOnSigterm) {
   EXPECT_NE(access(harness_.root().file("var/run/nyx.pid").c_str(), F_OK), 0);
 }
 
-// A bus callback still running at shutdown (here one building a registration
-// handler, which waits for the cache's lock) finishes first, the task it
-// queues is never run, and nyxd exits 0. Exit once tore the handle table and
-// the task queue down under such a callback and hung.
+// A bus callback still running at shutdown (here one waiting for the shell,
+// which has stopped answering, in the framework gate) finishes first, the
+// task it queues is never run, and nyxd exits 0. Exit once tore the handle
+// table and the task queue down under such a callback and hung.
 TEST_F(DaemonEndToEndTest, StopsCleanlyWhileABusCallbackIsStillRunning) {
   ChildProcess& daemon = harness_.startDaemon();
-  ChildProcess lock(
-      {{"sqlite3", harness_.root().file("var/local/nyx_registration_cache.db")}, false, true});
-  lock.writeInput("BEGIN EXCLUSIVE;\n");
   harness_.mock({"fault", "delay", "--delay", "3", "--only", "fetch"});
   harness_.writeDaemon("wanRing", 1);
   ASSERT_TRUE(daemon.waitForLine("Making request to", kDeadline)) << daemon.output();
+  harness_.shell().signal(SIGSTOP);
   ChildProcess writer(
-      {{binaryDir() + "/tools/hbus/hbus", "set", "cobalt.device.messaging", "nyx_register", "s"},
+      {{binaryDir() + "/tools/hbus/hbus", "set-int", "cobalt.device.messaging", "wanRing", "1"},
        true});
-  ASSERT_TRUE(daemon.waitForLine("Received NYX registration request.", kDeadline));
+  ASSERT_TRUE(daemon.waitForLine("Received NUDGE event: wanRing.", kDeadline, 2));
   daemon.signal(SIGTERM);
   ASSERT_TRUE(daemon.waitForLine("Received termination signal.", kDeadline)) << daemon.output();
-  lock.writeInput("COMMIT;\n");
+  harness_.shell().signal(SIGCONT);
   ASSERT_EQ(daemon.waitForExit(kDeadline), 0) << daemon.output();
   EXPECT_EQ(daemon.countLines("I Main: Processing task."), 1u);
+}
+
+// A stop while the worker waits between attempts (here up to four minutes,
+// as the server asked) ends the wait within a second: the poll ends with its
+// failure, as after its last attempt, and nyxd exits well within the unit's
+// stop time.
+TEST_F(DaemonEndToEndTest, StopsWithinSecondsWhileWaitingToRetry) {
+  ChildProcess& daemon = harness_.startDaemon();
+  harness_.mock({"fault", "status", "--status", "503", "--retry-after", "120", "--only", "fetch",
+                 "--count", "4"});
+  harness_.writeDaemon("wanRing", 1);
+  ASSERT_TRUE(daemon.waitForLine("I HttpClient: Waiting for", kDeadline)) << daemon.output();
+  daemon.signal(SIGTERM);
+  ASSERT_EQ(daemon.waitForExit(milliseconds(10000)), 0) << daemon.output();
+  EXPECT_TRUE(inOrder(daemon.lines(), {"E WispPollRequestHandler: IOError: Status Code: 503",
+                                       kWaiting, "I Main: Received termination signal."}))
+      << daemon.output();
+  EXPECT_EQ(daemon.countLines("I HttpClient: Retry"), 0u);
+}
+
+// When the bus goes away, nyxd can hear nothing again: it ends as a failure,
+// saying why, so that its supervisor starts it again on the new bus.
+TEST_F(DaemonEndToEndTest, LosingTheBusEndsTheDaemonWithAClearLine) {
+  ChildProcess& daemon = harness_.startDaemon();
+  harness_.bus().stop();
+  EXPECT_EQ(daemon.waitForExit(kDeadline), 1) << daemon.output();
+  EXPECT_TRUE(daemon.waitForLine(
+      "E Hbus: Lost the connection to the bus (service cobalt.device.messaging)", kDeadline))
+      << daemon.output();
 }
 
 TEST_F(DaemonEndToEndTest, SLOW_StopsWithinTheIdleWaitOnSigterm) {
@@ -137,10 +171,10 @@ TEST_F(DaemonEndToEndTest, SLOW_StopsWithinTheIdleWaitOnSigterm) {
   EXPECT_EQ(daemon.countLines("I Main: Received termination signal."), 1u);
 }
 
-// A registration handler is built in the bus callback and opens the cache
-// there; when that fails the daemon must end with the reason in its log.
-// (Ending at the callback's noexcept boundary once lost the reason.)
-TEST_F(DaemonEndToEndTest, HandlerThatCannotBeBuiltEndsTheDaemonWithItsReasonInTheLog) {
+// A registration task opens the cache when it runs; a cache that cannot be
+// opened ends the daemon (on purpose: the supervisor restarts it) with the
+// reason in its log.
+TEST_F(DaemonEndToEndTest, UnusableCacheEndsTheDaemonWithItsReasonInTheLog) {
   const std::string cache = harness_.root().file("var/local/nyx_registration_cache.db");
   ASSERT_EQ(mkdir(cache.c_str(), 0700), 0);
   for (const char* property : {"nyx_register", "nyx_unregister"}) {
@@ -261,6 +295,136 @@ TEST_F(DaemonEndToEndTest, EachTaskSignsForTheCustomerActiveWhenItsEventArrived)
   ASSERT_TRUE(daemon.waitForLine(kWaiting, kDeadline, 3));
   EXPECT_EQ(fetchHeaders(harness_, "X-Device-Customer"),
             (std::vector<std::string>{"customer-1", "customer-2"}));
+}
+
+// What /proc shows of a process at its busiest: open files and resident
+// memory. Under qemu-arm the process is the emulator running nyxd.
+struct PeakUsage {
+  void sample(pid_t pid) {
+    const std::string proc = "/proc/" + std::to_string(pid);
+    std::error_code error;
+    size_t files = 0;
+    for (std::filesystem::directory_iterator fd(proc + "/fd", error), end; !error && fd != end;
+         fd.increment(error)) {
+      ++files;
+    }
+    openFiles = std::max(openFiles, files);
+    rssKb = std::max(rssKb, residentKb(pid));
+  }
+  static size_t residentKb(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.rfind("VmRSS:", 0) == 0) {
+        return std::stoul(line.substr(6));
+      }
+    }
+    return 0;
+  }
+  size_t openFiles = 0;
+  size_t rssKb = 0;
+};
+
+// Waits for the condition with a deadline, sampling the daemon meanwhile.
+bool waitSampling(const std::function<bool()>& condition, ChildProcess& daemon, PeakUsage& peak,
+                  milliseconds timeout) {
+  return waitUntil(
+      [&] {
+        peak.sample(daemon.pid());
+        return condition();
+      },
+      timeout);
+}
+
+// Floods take long under qemu-arm: the emulated daemon handles every write.
+constexpr milliseconds kFloodDeadline(400000);
+
+// An application writes "nyx_register" 1,000 more times while the server
+// holds its answer to the first: every write is queued, none holds a file
+// (the daemon runs with a service's 1,024), and all are answered, the first
+// by the server and the rest from the cache.
+TEST_F(DaemonEndToEndTest, SLOW_FloodOfRegistrationsWhileTheServerHoldsItsAnswerIsAnswered) {
+  constexpr size_t kWrites = 1001;
+  HttpAnswer held(200, {}, R"({"registrationID":"reg-flood"})");
+  held.hold = true;
+  LocalHttpServer server({held});
+  harness_.root().setConfig({{"url.devicemessaging.registration", server.url("/register")}});
+  ChildProcess& daemon = harness_.startDaemon();
+  const std::string appLog = harness_.root().file("app.jsonl");
+  auto app = harness_.startSimulator("nyx-sample-app", {"--log", appLog}, true);
+  std::string writes;
+  for (size_t write = 0; write < kWrites; ++write) {
+    writes += "register sender-a\n";
+  }
+  app->writeInput(writes);
+
+  PeakUsage peak;
+  ASSERT_TRUE(waitSampling(
+      [&] { return daemon.countLines("I Main: Received NYX registration request.") >= kWrites; },
+      daemon, peak, kFloodDeadline))
+      << daemon.countLines("Received NYX registration request.");
+  ASSERT_EQ(server.requests().size(), 1u);
+  ASSERT_TRUE(daemon.running()) << daemon.output();
+  server.release();
+  ASSERT_TRUE(waitSampling([&] { return jsonLines(appLog).size() >= kWrites; }, daemon, peak,
+                           kFloodDeadline))
+      << jsonLines(appLog).size() << " answers";
+
+  for (size_t answer = 0; answer < kWrites; ++answer) {
+    ASSERT_EQ(appAnswer(appLog, answer), R"({"registration_id":"reg-flood"})") << answer;
+  }
+  EXPECT_EQ(daemon.countLines("W NYXRegistrar: Spurious call for registration"), kWrites - 1);
+  EXPECT_EQ(server.requests().size(), 1u);
+  EXPECT_TRUE(daemon.running());
+  EXPECT_LT(peak.openFiles, 100u);
+  std::cout << "registration flood peak: " << peak.openFiles << " open files, " << peak.rssKb
+            << " kB resident\n";
+}
+
+// 2,000 push triggers while the server holds a page: every one queues a poll
+// and every poll runs; afterwards the memory of the queue is given back.
+TEST_F(DaemonEndToEndTest, SLOW_FloodOfPushTriggersWhileAPageIsHeldRunsEveryPoll) {
+  constexpr size_t kWrites = 2000;
+  ChildProcess& daemon = harness_.startDaemon();
+  harness_.writeDaemon("wanRing", 1);  // a first poll, so that start-up costs are behind us
+  ASSERT_TRUE(daemon.waitForLine(kWaiting, kDeadline, 2)) << daemon.output();
+  const size_t before = PeakUsage::residentKb(daemon.pid());
+
+  HttpAnswer held(200, {}, "{}");
+  held.hold = true;
+  LocalHttpServer pageServer({held});
+  harness_.root().setConfig({{"url.devicemessaging.getmessages", pageServer.url("/messages")}});
+  harness_.writeDaemon("wanRing", 1);
+  ASSERT_TRUE(waitUntil([&] { return pageServer.requests().size() == 1; }, kDeadline));
+  // Every later poll goes to the mock server again (the address is read anew
+  // for every request).
+  harness_.root().setConfig(
+      {{"url.devicemessaging.getmessages", harness_.serverUrl() + "/v1/messages"}});
+
+  std::unique_ptr<HbusHandleStruct, decltype(&HbusClose)> writer(HbusInitEx(nullptr, nullptr),
+                                                                 HbusClose);
+  ASSERT_NE(writer, nullptr);
+  PeakUsage peak;
+  for (size_t write = 0; write < kWrites; ++write) {
+    ASSERT_EQ(HbusSetIntProperty(writer.get(), "cobalt.device.messaging", "wanRing", 1), 0);
+    if (write % 100 == 0) {
+      peak.sample(daemon.pid());
+    }
+  }
+  ASSERT_TRUE(waitSampling(
+      [&] { return daemon.countLines("I Main: Received NUDGE event: wanRing.") >= kWrites + 2; },
+      daemon, peak, kFloodDeadline));
+  pageServer.release();
+  ASSERT_TRUE(waitSampling([&] { return daemon.countLines(kWaiting) >= kWrites + 3; }, daemon, peak,
+                           kFloodDeadline))
+      << daemon.countLines(kWaiting);
+
+  EXPECT_EQ(harness_.mock({"stats"})["requests"]["fetch"].GetUint(), kWrites + 1);
+  EXPECT_TRUE(daemon.running());
+  EXPECT_LT(peak.openFiles, 100u);
+  const size_t after = PeakUsage::residentKb(daemon.pid());
+  std::cout << "push-trigger flood: " << before << " kB resident before, peak " << peak.openFiles
+            << " open files and " << peak.rssKb << " kB resident, " << after << " kB after\n";
+  EXPECT_LT(after, before + 4096) << "kB resident after the flood";
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 #include "tests/e2e/DaemonHarness.h"
 
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace nyxtest {
@@ -25,6 +27,25 @@ std::string waitForReadyFile(const std::string& path, const ChildProcess& proces
   }
   return content;
 }
+
+// systemd gives a service a soft limit of 1,024 open files, whatever the
+// limit of the shell that runs the tests. A child inherits the limit in
+// force when it is started; while this object lives, that is the service's.
+class ServiceOpenFileLimit {
+ public:
+  ServiceOpenFileLimit() {
+    getrlimit(RLIMIT_NOFILE, &saved_);
+    rlimit service = saved_;
+    service.rlim_cur = std::min<rlim_t>(1024, saved_.rlim_max);
+    setrlimit(RLIMIT_NOFILE, &service);
+  }
+  ~ServiceOpenFileLimit() { setrlimit(RLIMIT_NOFILE, &saved_); }
+  ServiceOpenFileLimit(const ServiceOpenFileLimit&) = delete;
+  ServiceOpenFileLimit& operator=(const ServiceOpenFileLimit&) = delete;
+
+ private:
+  rlimit saved_{};
+};
 
 }  // namespace
 
@@ -58,6 +79,7 @@ std::unique_ptr<ChildProcess> DaemonHarness::startSimulator(const std::string& n
 }
 
 std::unique_ptr<ChildProcess> DaemonHarness::nyxd() {
+  ServiceOpenFileLimit limit;
   return std::make_unique<ChildProcess>(
       ChildProcess::Options{{binaryDir() + "/daemon/nyxd"}, true});
 }

@@ -19,7 +19,12 @@ class DaemonHarness {
   DaemonHarness();
 
   NyxRoot& root() { return root_; }
-  // Starts nyxd and returns at once.
+  PrivateBus& bus() { return bus_; }
+  ChildProcess& shell() { return *shell_; }
+  // The mock messaging server, "http://127.0.0.1:PORT".
+  const std::string& serverUrl() const { return serverUrl_; }
+  // Starts nyxd, limited to 1,024 open files as a service is, and returns
+  // at once.
   std::unique_ptr<ChildProcess> nyxd();
   // Starts the harness's own nyxd and waits for "Waiting for tasks.".
   ChildProcess& startDaemon();
