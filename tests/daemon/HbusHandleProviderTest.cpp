@@ -1,5 +1,6 @@
 // The process-wide bus handle table on a private bus; the table is never
-// emptied, so this binary is its own.
+// emptied, so this binary is its own. Also the registration request
+// callbacks, which look at nothing but their parameters.
 #include "daemon/HbusHandleProvider.h"
 
 #include <gmock/gmock.h>
@@ -8,8 +9,12 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <tuple>
+#include <utility>
 
+#include "daemon/BusEvents.h"
 #include "daemon/IPCMessageSender.h"
+#include "daemon/Task.h"
 #include "hbus.h"
 #include "tests/support/TestSupport.h"
 
@@ -42,6 +47,38 @@ TEST(IPCMessageSenderTest, SendToMissingServiceReturnsNoSuchServiceWithoutLoggin
   nyxtest::LogCapture log;
   EXPECT_EQ(IPCMessageSender().send("com.example.absent", "wisp_message", "{}"), 3);
   EXPECT_TRUE(log.lines().empty());
+}
+
+// A request names its writer in "sender"; without one there is nobody to
+// register or answer, and nothing is queued.
+TEST(BusEventsTest, RegistrationRequestWithoutASenderIsLoggedAndDropped) {
+  taskQueue = std::shared_ptr<GAsyncQueue>(g_async_queue_new(), g_async_queue_unref);
+  using Callback = int (*)(HbusHandleStruct*, const char*, const char*, GHashTable*, void*);
+  const std::pair<Callback, std::string> requests[] = {
+      {handleRegisterRequest, "WARN Main: Ignoring NYX registration request without a sender."},
+      {handleUnregisterRequest,
+       "WARN Main: Ignoring NYX unregistration request without a sender."}};
+  // The sender parameter (nullptr: none; no table at all), and whether a task is queued.
+  const std::tuple<bool, const char*, bool> cases[] = {
+      {false, nullptr, false}, {true, nullptr, false}, {true, "", false}, {true, ":1.42", true}};
+  for (const auto& [callback, dropped] : requests) {
+    for (const auto& [hasTable, sender, queued] : cases) {
+      SCOPED_TRACE(dropped + " " + (sender ? sender : "(none)"));
+      nyxtest::LogCapture log;
+      std::unique_ptr<GHashTable, decltype(&g_hash_table_destroy)> parameters(
+          g_hash_table_new(g_str_hash, g_str_equal), g_hash_table_destroy);
+      if (sender != nullptr) {
+        g_hash_table_insert(parameters.get(), const_cast<char*>("sender"),
+                            const_cast<char*>(sender));
+      }
+      EXPECT_EQ(
+          callback(nullptr, "nyx_register", "s1", hasTable ? parameters.get() : nullptr, nullptr),
+          0);
+      std::unique_ptr<Task> task(static_cast<Task*>(g_async_queue_try_pop(taskQueue.get())));
+      EXPECT_EQ(task != nullptr, queued);
+      EXPECT_EQ(log.count(dropped), queued ? 0u : 1u);
+    }
+  }
 }
 
 }  // namespace
