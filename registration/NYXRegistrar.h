@@ -2,7 +2,7 @@
 // answering repeated requests from the registration cache, and turns every
 // registration failure into an NYXRegistrationError.
 //
-// Made by NYXRegistrationRequestHandler for one task and called on the
+// Made by NYXRegistrationRequestHandler for one request and called on the
 // worker thread only. It keeps no state between calls; the cache holds it.
 #ifndef NYX_REGISTRATION_NYX_REGISTRAR_H
 #define NYX_REGISTRATION_NYX_REGISTRAR_H
