@@ -1,6 +1,6 @@
 // nyx-bench-floor: the least a poll cycle can cost on this machine.
 //
-//   nyx-bench-floor [--name NAME]          (default bench.floor)
+//   nyx-bench-floor [--name NAME] [--log]   (default name bench.floor)
 //
 // It does the I/O of nyxd's poll cycle and nothing else: on a write of
 // "wanRing" to NAME it reads "frameworkStarted" of com.corvid.shell, then
@@ -14,15 +14,29 @@
 // Everything runs on the main loop's thread, which is where the method calls
 // arrive: there is no hand-over between threads. HTTPS trust is the system
 // store plus $NYX_ROOT/etc/nyx-host/tls/ca.pem, parsed once per process and
-// shared by every handle. "Waiting for tasks." is printed when the name is
-// owned and after every cycle, as nyxd does.
+// shared by every handle.
+//
+// It tells the launcher what nyxd's daemon monitor tells systemd: READY=1
+// once the name is owned, "STATUS=activities: 1" when a cycle is queued and
+// "STATUS=activities: 0" when it has ended.
+//
+// With --log it also writes the lines nyxd must write in a cycle, the same
+// texts with the same values, each to syslog (identity "NYX", LOG_LOCAL0) and
+// to line-buffered standard output as nyxd's logger does: per cycle the
+// nudge, the task and the wait, per page the request, per message the five
+// lines of receiving, dispatching and purging it. So the floor with --log
+// less the floor without is what logging costs by design, and nyxd less the
+// floor with --log is what nyxd adds.
 #include <curl/curl.h>
 #include <glib-unix.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <syslog.h>
+#include <systemd/sd-daemon.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -102,6 +116,32 @@ std::string base64(const std::string& bytes) {
   return text;
 }
 
+// The length of the bytes that a base64 text without line ends decodes to.
+int decodedLength(const std::string& text) {
+  size_t padding = 0;
+  while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=') {
+    ++padding;
+  }
+  return static_cast<int>(text.size() / 4 * 3 - padding);
+}
+
+bool gLogging = false;
+
+// One info line as nyxd's logger writes it: formatted into a stack buffer of
+// 1024 bytes, then to syslog and to standard output.
+__attribute__((format(printf, 2, 3))) void logInfo(const char* tag, const char* format, ...) {
+  if (!gLogging) {
+    return;
+  }
+  char message[1024];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(message, sizeof message, format, args);
+  va_end(args);
+  syslog(LOG_INFO, "I %s: %s", tag, message);
+  std::printf("I %s: %s\n", tag, message);
+}
+
 // The value of "key":"..." at or after from, or "" when absent. The server's
 // ids, topics, payloads and URLs carry no escapes.
 std::string stringMember(const std::string& body, const char* key, size_t from, size_t* end) {
@@ -141,15 +181,25 @@ class Floor {
 
   // One poll cycle; failures end it with a line on standard error.
   void runCycle() {
+    logInfo("Main", "Processing task.");
     try {
-      if (getInt(kShell, "frameworkStarted") == 1) {
-        fetchAll();
-      }
+      fetchAll();
     } catch (const std::exception& e) {
       std::fprintf(stderr, "nyx-bench-floor: cycle failed: %s\n", e.what());
     }
-    std::printf("Waiting for tasks.\n");
-    std::fflush(stdout);
+    logInfo("Main", "Waiting for tasks.");
+    sd_notify(0, "STATUS=activities: 0");
+  }
+
+  // Whether the application framework is up, as nyxd asks before it queues
+  // a cycle.
+  bool frameworkStarted() {
+    try {
+      return getInt(kShell, "frameworkStarted") == 1;
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "nyx-bench-floor: %s\n", e.what());
+      return false;
+    }
   }
 
  private:
@@ -162,6 +212,7 @@ class Floor {
       throw std::runtime_error("no url.devicemessaging.getmessages in dynconfig");
     }
     while (!url.empty()) {
+      logInfo("HttpClient", "Making request to %s", url.c_str());
       const std::string body = fetch(url, credentials);
       size_t at = body.find("\"messages\":[");
       while (at != std::string::npos) {
@@ -182,13 +233,26 @@ class Floor {
 
   // The same two writes nyxd makes for a plain message delivered at once.
   void deliver(const std::string& id, const std::string& topic, const std::string& payload) {
+    if (gLogging) {
+      const int bytes = decodedLength(payload);
+      logInfo("WispMessageFetcher",
+              "Received message. MessageID: %s MessageTopic: %s Payload: %d bytes", id.c_str(),
+              topic.c_str(), bytes);
+      logInfo("WispMessageDispatcher",
+              "Dispatching WISP message. ID: %s Topic: %s Payload: %d bytes", id.c_str(),
+              topic.c_str(), bytes);
+    }
     setString(topic.c_str(), "wisp_message",
               "{\"id\":\"" + id + "\",\"payload\":\"" + payload + "\"}");
+    logInfo("WispMessageDispatcher", "Dispatched WISP message. ID: %s Topic: %s", id.c_str(),
+            topic.c_str());
     const std::string response =
         "{\"response\":{\"id\":\"" + id + "\",\"status\":1,\"retry\":false}}";
+    logInfo("WispMessagePurger", "Sending purge message request. ID: %s", id.c_str());
     setString(kOutbox, "queueMessage",
               "{\"topic\":\"cobalt.messaging.response\",\"payload\":\"" + base64(response) +
                   "\",\"gunzip\":false,\"options\":{\"flushTime\":1}}");
+    logInfo("WispMessagePurger", "Sent purge message request. ID: %s", id.c_str());
   }
 
   int getInt(const char* service, const char* property) {
@@ -327,8 +391,13 @@ void handleCall(GDBusConnection* /*connection*/, const gchar* /*sender*/,
     g_variant_get(parameters, "(&si)", &property, &value);
     if (std::strcmp(property, "wanRing") == 0) {
       // Answer first, as nyxd answers once the task is queued.
+      auto* floor = static_cast<Floor*>(userData);
+      if (floor->frameworkStarted()) {
+        logInfo("Main", "Received NUDGE event: wanRing.");
+        sd_notify(0, "STATUS=activities: 1");
+        g_idle_add(runCycle, floor);
+      }
       g_dbus_method_invocation_return_value(invocation, nullptr);
-      g_idle_add(runCycle, userData);
       return;
     }
   }
@@ -345,11 +414,20 @@ gboolean quit(gpointer userData) {
 
 int main(int argc, char** argv) {
   std::string name = "bench.floor";
-  if (argc == 3 && std::strcmp(argv[1], "--name") == 0) {
-    name = argv[2];
-  } else if (argc != 1) {
-    std::fprintf(stderr, "usage: nyx-bench-floor [--name NAME]\n");
-    return 2;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--name") == 0 && i + 1 < argc) {
+      name = argv[++i];
+    } else if (std::strcmp(argv[i], "--log") == 0) {
+      gLogging = true;
+    } else {
+      std::fprintf(stderr, "usage: nyx-bench-floor [--name NAME] [--log]\n");
+      return 2;
+    }
+  }
+  // As nyxd: one line per write, also into a pipe, and the same syslog.
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+  if (gLogging) {
+    openlog("NYX", LOG_PID | LOG_CONS, LOG_LOCAL0);
   }
   try {
     Floor floor;
@@ -361,8 +439,8 @@ int main(int argc, char** argv) {
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
     g_unix_signal_add(SIGTERM, quit, loop);
     g_unix_signal_add(SIGINT, quit, loop);
-    std::printf("Waiting for tasks.\n");
-    std::fflush(stdout);
+    logInfo("Main", "Waiting for tasks.");
+    sd_notify(0, "READY=1");
     g_main_loop_run(loop);
     g_main_loop_unref(loop);
   } catch (const std::exception& e) {

@@ -1,17 +1,22 @@
-// nyx-bench-launch: starts a program and reports when it says it is ready.
+// nyx-bench-launch: starts a program as nyxd's systemd unit starts it and
+// reports when it is ready and each time it is idle again.
 //
-//   nyx-bench-launch --ready TEXT --log FILE [--timeout-ms N] [--syslog-sink DIR]
-//                    -- PROGRAM [ARG]...
+//   nyx-bench-launch --log FILE [--timeout-ms N] [--syslog-sink DIR] -- PROGRAM [ARG]...
 //
-// PROGRAM's standard output and standard error go to FILE (a regular file,
-// so that a busy program never waits on a reader and nobody has to copy its
-// output). FILE is watched with inotify until a line containing TEXT appears;
-// then "ready PID NANOSECONDS" is printed, NANOSECONDS being the monotonic
-// time from just before the fork to the moment the line was seen. The
-// launcher then waits for PROGRAM and prints "syslog LINES" and "exit STATUS"
-// (minus the signal number for a program ended by a signal). Without TEXT
-// within the time-out (default 10000 ms), or when PROGRAM ends first, it
-// prints "failed REASON", kills PROGRAM and exits 1.
+// As under the unit (StandardOutput=null, Type=notify), PROGRAM's standard
+// output goes to /dev/null and its readiness comes over the notification
+// protocol: the launcher binds a datagram socket at FILE.notify and names it
+// in NOTIFY_SOCKET. PROGRAM's standard error goes to FILE, so that a program
+// that fails leaves its reason there.
+//
+// On "READY=1" the launcher prints "ready PID NANOSECONDS", NANOSECONDS being
+// the monotonic time from just before the fork to the moment the message
+// arrived; after that, "idle" for every "STATUS=activities: 0", which nyxd
+// and the floors send when their last task has ended. When PROGRAM ends it
+// prints "syslog LINES" and "exit STATUS" (minus the signal number for a
+// program ended by a signal). Without READY=1 within the time-out (default
+// 10000 ms), or when PROGRAM ends first, it prints "failed REASON", kills
+// PROGRAM and exits 1.
 //
 // --syslog-sink gives PROGRAM a syslog that takes its lines and drops them,
 // as a device's syslog daemon takes them. A machine without a syslog daemon
@@ -21,13 +26,13 @@
 // itself into a private mount namespace, puts a tmpfs over /dev whose
 // entries link to the real ones (bind-mounted under DIR), and serves
 // /dev/log there itself. Nothing outside the namespace sees a change. All of
-// this happens before the clock starts.
+// this happens before the clock starts. The last lines received are appended
+// to FILE when PROGRAM ends, for a look at what it logged.
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -41,6 +46,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -61,8 +67,8 @@ void forward(int signalNumber) {
 
 int usage() {
   std::fprintf(stderr,
-               "usage: nyx-bench-launch --ready TEXT --log FILE [--timeout-ms N] "
-               "[--syslog-sink DIR] -- PROGRAM [ARG]...\n");
+               "usage: nyx-bench-launch --log FILE [--timeout-ms N] [--syslog-sink DIR] "
+               "-- PROGRAM [ARG]...\n");
   return 2;
 }
 
@@ -74,8 +80,21 @@ void check(bool ok, const std::string& what) {
   }
 }
 
-// Returns the bound, non-blocking datagram socket at /dev/log of a private
-// mount namespace; the real /dev is reachable under dir/dev.
+// A bound, non-blocking datagram socket at path.
+int boundDatagramSocket(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  check(fd >= 0, "socket");
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  check(path.size() < sizeof address.sun_path, "socket path " + path);
+  std::strcpy(address.sun_path, path.c_str());
+  unlink(path.c_str());
+  check(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0, "bind " + path);
+  return fd;
+}
+
+// Returns the socket at /dev/log of a private mount namespace; the real /dev
+// is reachable under dir/dev.
 int privateSyslog(const std::string& dir) {
   check(unshare(CLONE_NEWNS) == 0, "unshare");
   check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "mount private /");
@@ -93,29 +112,56 @@ int privateSyslog(const std::string& dir) {
     }
   }
   closedir(entries);
-  const int sink = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  check(sink >= 0, "socket");
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, "/dev/log");
-  check(bind(sink, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0, "bind /dev/log");
+  const int sink = boundDatagramSocket("/dev/log");
   chmod("/dev/log", 0666);
   return sink;
 }
 
-unsigned long long drain(int sink) {
+// Takes every waiting syslog line; keeps the last few for the log file.
+struct SyslogSink {
+  int fd = -1;
   unsigned long long lines = 0;
-  char buffer[2048];
-  while (sink >= 0 && recv(sink, buffer, sizeof buffer, 0) >= 0) {
-    ++lines;
+  std::deque<std::string> last;
+
+  void drain() {
+    char buffer[2048];
+    ssize_t got;
+    while (fd >= 0 && (got = recv(fd, buffer, sizeof buffer, 0)) >= 0) {
+      ++lines;
+      last.emplace_back(buffer, static_cast<size_t>(got));
+      if (last.size() > 20) {
+        last.pop_front();
+      }
+    }
   }
-  return lines;
+};
+
+// Reads every waiting notification; returns how many said READY=1 and how
+// many said the activity count is 0.
+void readNotifications(int fd, int* ready, int* idle) {
+  char buffer[1024];
+  ssize_t got;
+  while ((got = recv(fd, buffer, sizeof buffer, 0)) >= 0) {
+    // One assignment per line; READY=1 may come with a status.
+    const std::string message(buffer, static_cast<size_t>(got));
+    size_t begin = 0;
+    while (begin < message.size()) {
+      const size_t end = std::min(message.find('\n', begin), message.size());
+      const std::string line = message.substr(begin, end - begin);
+      if (line == "READY=1") {
+        ++*ready;
+      } else if (line == "STATUS=activities: 0") {
+        ++*idle;
+      }
+      begin = end + 1;
+    }
+  }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string ready, logPath, sinkDir;
+  std::string logPath, sinkDir;
   long timeoutMs = 10000;
   int i = 1;
   for (; i < argc; ++i) {
@@ -127,9 +173,7 @@ int main(int argc, char** argv) {
     if (i + 1 >= argc) {
       return usage();
     }
-    if (arg == "--ready") {
-      ready = argv[++i];
-    } else if (arg == "--log") {
+    if (arg == "--log") {
       logPath = argv[++i];
     } else if (arg == "--timeout-ms") {
       timeoutMs = std::atol(argv[++i]);
@@ -139,30 +183,32 @@ int main(int argc, char** argv) {
       return usage();
     }
   }
-  if (ready.empty() || logPath.empty() || i >= argc) {
+  if (logPath.empty() || i >= argc) {
     return usage();
   }
   std::vector<char*> command(argv + i, argv + argc);
   command.push_back(nullptr);
 
-  int sink = -1;
-  if (!sinkDir.empty()) {
-    try {
-      sink = privateSyslog(sinkDir);
-    } catch (const std::exception& e) {
-      std::printf("failed syslog sink: %s\n", e.what());
-      return 1;
+  SyslogSink sink;
+  int notify = -1;
+  const std::string notifyPath = logPath + ".notify";
+  try {
+    if (!sinkDir.empty()) {
+      sink.fd = privateSyslog(sinkDir);
     }
+    notify = boundDatagramSocket(notifyPath);
+  } catch (const std::exception& e) {
+    std::printf("failed %s\n", e.what());
+    return 1;
   }
   const int logFd =
       open(logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
-  const int readFd = open(logPath.c_str(), O_RDONLY | O_CLOEXEC);
-  const int watchFd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-  if (logFd < 0 || readFd < 0 || watchFd < 0 ||
-      inotify_add_watch(watchFd, logPath.c_str(), IN_MODIFY) < 0) {
+  const int nullFd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (logFd < 0 || nullFd < 0) {
     std::perror("nyx-bench-launch: log file");
     return 1;
   }
+  setenv("NOTIFY_SOCKET", notifyPath.c_str(), 1);
 
   const long long start = nyxbench::monotonicNs();
   const pid_t child = fork();
@@ -171,79 +217,72 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (child == 0) {
-    dup2(logFd, STDOUT_FILENO);
+    dup2(nullFd, STDOUT_FILENO);
     dup2(logFd, STDERR_FILENO);
     execvp(command[0], command.data());
     std::perror("nyx-bench-launch: exec");
     _exit(127);
   }
-  close(logFd);
   gChild = child;
   struct sigaction passOn {};
   passOn.sa_handler = forward;
   sigaction(SIGTERM, &passOn, nullptr);
   sigaction(SIGINT, &passOn, nullptr);
-
-  // Searches what the program wrote so far; the tail of the text already
-  // searched is kept so that a line split across two writes is still found.
-  unsigned long long syslogLines = 0;
-  std::string seen;
-  long long readyAt = 0;
-  const long long deadline = start + timeoutMs * 1000000LL;
-  while (readyAt == 0) {
-    char buffer[4096];
-    ssize_t got;
-    while ((got = read(readFd, buffer, sizeof buffer)) > 0) {
-      seen.append(buffer, static_cast<size_t>(got));
-    }
-    if (seen.find(ready) != std::string::npos) {
-      readyAt = nyxbench::monotonicNs();
-      break;
-    }
-    if (seen.size() > ready.size()) {
-      seen.erase(0, seen.size() - ready.size());
-    }
-    syslogLines += drain(sink);
-    int status = 0;
-    if (waitpid(child, &status, WNOHANG) == child) {
-      std::printf("failed program ended with status %d before it was ready\n", exitStatus(status));
-      return 1;
-    }
-    const long long left = deadline - nyxbench::monotonicNs();
-    if (left <= 0) {
-      std::printf("failed not ready within %ld ms\n", timeoutMs);
-      kill(child, SIGKILL);
-      waitpid(child, nullptr, 0);
-      return 1;
-    }
-    // A short poll bound also notices a program that ends without writing.
-    struct pollfd watch[2] = {{watchFd, POLLIN, 0}, {sink, POLLIN, 0}};
-    poll(watch, sink >= 0 ? 2 : 1, static_cast<int>(std::min<long long>(left / 1000000 + 1, 50)));
-    char events[4096];
-    while (read(watchFd, events, sizeof events) > 0) {
-    }
-  }
-  std::printf("ready %d %lld\n", static_cast<int>(child), readyAt - start);
-  std::fflush(stdout);
-  close(watchFd);
-  close(readFd);
-
   // glibc 2.36 declares pidfd_open without C linkage for C++; the system call
   // is used directly.
   const int exited = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
+
+  const long long deadline = start + timeoutMs * 1000000LL;
+  bool ready = false;
   for (;;) {
-    struct pollfd watch[2] = {{exited, POLLIN, 0}, {sink, POLLIN, 0}};
-    if (poll(watch, sink >= 0 ? 2 : 1, exited >= 0 ? -1 : 100) < 0 && errno != EINTR) {
-      break;
+    int readyCount = 0, idleCount = 0;
+    readNotifications(notify, &readyCount, &idleCount);
+    if (!ready && readyCount > 0) {
+      ready = true;
+      std::printf("ready %d %lld\n", static_cast<int>(child), nyxbench::monotonicNs() - start);
+      // The status that comes with READY=1 is start-up's end, not a task's.
+      idleCount = 0;
     }
-    syslogLines += drain(sink);
+    for (int k = 0; ready && k < idleCount; ++k) {
+      std::printf("idle\n");
+    }
+    std::fflush(stdout);
+    sink.drain();
     int status = 0;
     if (waitpid(child, &status, WNOHANG) == child) {
-      std::printf("syslog %llu\n", syslogLines + drain(sink));
+      sink.drain();
+      unlink(notifyPath.c_str());
+      for (const auto& line : sink.last) {
+        dprintf(logFd, "syslog: %s\n", line.c_str());
+      }
+      if (!ready) {
+        std::printf("failed program ended with status %d before it was ready\n",
+                    exitStatus(status));
+        return 1;
+      }
+      std::printf("syslog %llu\n", sink.lines);
       std::printf("exit %d\n", exitStatus(status));
       return 0;
     }
+    int wait = -1;
+    if (!ready) {
+      const long long left = deadline - nyxbench::monotonicNs();
+      if (left <= 0) {
+        std::printf("failed not ready within %ld ms\n", timeoutMs);
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        return 1;
+      }
+      wait = static_cast<int>(left / 1000000 + 1);
+    }
+    // Without a pidfd, a short bound notices the program's end.
+    if (exited < 0) {
+      wait = wait < 0 ? 100 : std::min(wait, 100);
+    }
+    struct pollfd watch[3] = {{notify, POLLIN, 0}, {exited, POLLIN, 0}, {sink.fd, POLLIN, 0}};
+    if (poll(watch, 3, wait) < 0 && errno != EINTR) {
+      std::perror("nyx-bench-launch: poll");
+      return 1;
+    }
   }
-  std::perror("nyx-bench-launch: poll");
-  return 1;
 }

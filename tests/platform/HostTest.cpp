@@ -241,7 +241,7 @@ TEST(TlsTest, TrustsCaPemAndRefusesRevokedOrMisnamedServers) {
   ASSERT_EQ(ChildProcess(make).waitForExit(milliseconds(30000)), 0);
   std::map<std::string, int> ports;
   std::vector<std::unique_ptr<ChildProcess>> servers;
-  for (const std::string name : {"good", "revoked"}) {
+  for (const std::string name : {"good", "revoked", "expired"}) {
     ChildProcess::Options serve;
     serve.argv = {"openssl",
                   "s_server",
@@ -261,20 +261,26 @@ TEST(TlsTest, TrustsCaPemAndRefusesRevokedOrMisnamedServers) {
     }
   }
   const std::string crl = nyxtest::readFile(pki.path() + "/crl.pem");
+  const std::string emptyCrl = nyxtest::readFile(pki.path() + "/crl-empty.pem");
   const CURLcode refused = CURLE_PEER_FAILED_VERIFICATION;
   const struct {
     const char *what, *server, *host;
     bool caPem;
     const char* crlPem;  // nullptr: no file
     CURLcode expected;
+    bool caInSystemStore = false;  // the system's hashed directory holds the CA
   } cases[] = {
       {"trusted only through ca.pem", "good", "localhost", true, nullptr, CURLE_OK},
       {"CA unknown without ca.pem", "good", "localhost", false, nullptr, refused},
+      {"trusted through the system store", "good", "localhost", false, nullptr, CURLE_OK, true},
       {"revoked, but no CRL", "revoked", "localhost", true, nullptr, CURLE_OK},
       {"revoked with crl.pem", "revoked", "localhost", true, crl.c_str(), refused},
+      {"revoked with a system CA", "revoked", "localhost", false, crl.c_str(), refused, true},
       {"good with crl.pem", "good", "localhost", true, crl.c_str(), CURLE_OK},
+      {"revoked, CRL revoking nothing", "revoked", "localhost", true, emptyCrl.c_str(), CURLE_OK},
       {"unreadable crl.pem", "revoked", "localhost", true, "not a CRL\n", CURLE_SSL_CRL_BADFILE},
       {"wrong host name", "good", "wrong.example", true, nullptr, refused},
+      {"expired certificate", "expired", "localhost", true, nullptr, refused},
       {"trusted again after the CRL goes", "revoked", "localhost", true, nullptr, CURLE_OK},
   };
   // One root for all rows: the callback must follow the files as they change.
@@ -291,6 +297,9 @@ TEST(TlsTest, TrustsCaPemAndRefusesRevokedOrMisnamedServers) {
     if (row.crlPem != nullptr) {
       nyxtest::writeFile(crlPath, row.crlPem);
     }
+    const nyxtest::ScopedEnv systemStore(
+        "SSL_CERT_DIR",
+        row.caInSystemStore ? std::optional<std::string>(pki.path() + "/hashed") : std::nullopt);
     EXPECT_EQ(fetch(ports.at(row.server), row.host), row.expected);
   }
 }
