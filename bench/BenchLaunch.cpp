@@ -34,6 +34,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -211,12 +212,18 @@ int main(int argc, char** argv) {
   setenv("NOTIFY_SOCKET", notifyPath.c_str(), 1);
 
   const long long start = nyxbench::monotonicNs();
+  const pid_t launcher = getpid();
   const pid_t child = fork();
   if (child < 0) {
     std::perror("nyx-bench-launch: fork");
     return 1;
   }
   if (child == 0) {
+    // The program ends with this launcher, also when it is killed outright.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != launcher) {
+      _exit(127);
+    }
     dup2(nullFd, STDOUT_FILENO);
     dup2(logFd, STDERR_FILENO);
     execvp(command[0], command.data());

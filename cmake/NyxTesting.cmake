@@ -62,6 +62,11 @@ function(nyx_register_gtest name)
   nyx_set_test_properties(${name} "${ARG_TIMEOUT}" "${ARG_LABELS}" "${ARG_ENVIRONMENT}")
 endfunction()
 
+# Tests that start processes of their own without the C++ fixtures (Python
+# tests, scripts) run under tests/support/no_leftovers, which fails the test
+# when a process it started is still running after it ended.
+set(NYX_NO_LEFTOVERS /usr/bin/python3 ${PROJECT_SOURCE_DIR}/tests/support/no_leftovers)
+
 # nyx_add_python_test(NAME SCRIPT [INTERPRETER path] [LABELS l...] [ENVIRONMENT K=V...]
 #                     [TIMEOUT s])
 #
@@ -73,7 +78,7 @@ function(nyx_add_python_test name script)
     find_package(Python3 REQUIRED COMPONENTS Interpreter)
     set(ARG_INTERPRETER ${Python3_EXECUTABLE})
   endif()
-  add_test(NAME ${name} COMMAND ${ARG_INTERPRETER} ${script})
+  add_test(NAME ${name} COMMAND ${NYX_NO_LEFTOVERS} ${ARG_INTERPRETER} ${script})
   nyx_set_test_properties(${name} "${ARG_TIMEOUT}" "${ARG_LABELS}"
     "PYTHONDONTWRITEBYTECODE=1;${ARG_ENVIRONMENT}")
 endfunction()

@@ -292,32 +292,53 @@ void onConnectionClosed(GDBusConnection* connection, gboolean /*remotePeerVanish
   _exit(EXIT_FAILURE);
 }
 
+// The status of a failed HbusInitEx names no bus and no cause, so the cause
+// goes to standard error first (the journal, under a service manager): which
+// bus, at which address, and the bus library's own message.
+void reportInitFailure(const std::string& bus, const std::string& what, const char* reason) {
+  g_printerr("hbus: %s the %s: %s\n", what.c_str(), bus.c_str(),
+             reason != nullptr ? reason : "unknown error");
+}
+
+std::string busLabel(const char* address) {
+  std::string label = busType() == G_BUS_TYPE_SYSTEM ? "system bus" : "session bus";
+  return address != nullptr ? label + " at " + address : label;
+}
+
 // Owns name without queueing: 0, or the status of HbusInitEx.
-int requestName(GDBusConnection* connection, const char* name) {
+int requestName(GDBusConnection* connection, const char* name, const std::string& bus) {
   GError* rawError = nullptr;
   VariantPtr reply(g_dbus_connection_call_sync(
       connection, kBusName, kBusPath, kBusName, "RequestName",
       g_variant_new("(su)", name, static_cast<guint32>(G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE)),
       G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, callTimeoutMs(), nullptr, &rawError));
   ErrorPtr error(rawError);
+  const std::string what = std::string("cannot own the name ") + name + " on";
   if (!reply) {
+    reportInitFailure(bus, what, error->message);
     return HBUS_STATUS_FAILURE;
   }
   guint32 result = 0;
   g_variant_get(reply.get(), "(u)", &result);
   // 1: now the primary owner; 4: already was. 3 (exists) means it is taken.
-  return result == 1 || result == 4 ? HBUS_STATUS_OK : HBUS_STATUS_FAILURE;
+  if (result != 1 && result != 4) {
+    reportInitFailure(bus, what, "another connection owns it");
+    return HBUS_STATUS_FAILURE;
+  }
+  return HBUS_STATUS_OK;
 }
 
 // Connects and exports /hbus with the handle's context as thread-default, so
 // that GDBus delivers the object's calls and the connection's own events to
-// that context. Returns 0 or a status.
-int connectHandle(HbusHandleStruct* handle) {
+// that context. Returns 0 or a status; bus is set to the bus tried.
+int connectHandle(HbusHandleStruct* handle, std::string& bus) {
   GError* rawError = nullptr;
   std::unique_ptr<gchar, decltype(&g_free)> address(
       g_dbus_address_get_for_bus_sync(busType(), nullptr, &rawError), g_free);
   ErrorPtr addressError(rawError);
+  bus = busLabel(address.get());
   if (!address) {
+    reportInitFailure(bus, "cannot find", addressError->message);
     return HBUS_STATUS_FAILURE;
   }
   g_main_context_push_thread_default(handle->context);
@@ -339,6 +360,11 @@ int connectHandle(HbusHandleStruct* handle) {
   }
   ErrorPtr registerError(rawError);
   g_main_context_pop_thread_default(handle->context);
+  if (handle->connection == nullptr) {
+    reportInitFailure(bus, "cannot connect to", connectError->message);
+  } else if (handle->registration == 0) {
+    reportInitFailure(bus, "cannot export /hbus on", registerError->message);
+  }
   return handle->connection != nullptr && handle->registration != 0 ? HBUS_STATUS_OK
                                                                     : HBUS_STATUS_FAILURE;
 }
@@ -414,6 +440,7 @@ HbusHandleStruct* HbusInitEx(const char* serviceName, int* status) {
   int& result = status != nullptr ? *status : ignored;
   const bool anonymous = serviceName == nullptr || *serviceName == '\0';
   if (!anonymous && (!g_dbus_is_name(serviceName) || g_dbus_is_unique_name(serviceName))) {
+    g_printerr("hbus: cannot own the name \"%s\": not a valid well-known bus name\n", serviceName);
     result = HBUS_STATUS_NO_SUCH_SERVICE;
     return nullptr;
   }
@@ -425,9 +452,10 @@ HbusHandleStruct* HbusInitEx(const char* serviceName, int* status) {
     return nullptr;
   }
   handle->context = g_main_context_new();
-  result = connectHandle(handle);
+  std::string bus;
+  result = connectHandle(handle, bus);
   if (result == HBUS_STATUS_OK && !anonymous) {
-    result = requestName(handle->connection, serviceName);
+    result = requestName(handle->connection, serviceName, bus);
     if (result == HBUS_STATUS_OK) {
       handle->ownedName = serviceName;
     }

@@ -1,5 +1,6 @@
 // The property bus on a private dbus-daemon, through the platform's functions
 // and through the hbus tool.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -192,6 +193,7 @@ TEST(HbusToolTest, ServesSetsAndGetsWithTheBusStatusAsExitStatus) {
     std::vector<std::string> args;
     int status;          // -1: any failure
     const char* output;  // nullptr: not checked
+    const char* says = "";
   } cases[] = {
       {{"get-int", "nyx.tool.demo", "level"}, 0, "3\n"},
       {{"set", "nyx.tool.demo", "greeting", "hello world"}, 0, ""},
@@ -199,7 +201,10 @@ TEST(HbusToolTest, ServesSetsAndGetsWithTheBusStatusAsExitStatus) {
       {{"set-int", "nyx.tool.demo", "level", "-9"}, 0, ""},
       {{"get-int", "nyx.tool.demo", "level"}, 0, "-9\n"},
       {{"set", "nyx.tool.demo", "unknown", "x"}, 8, nullptr},
-      {{"serve", "nyx.tool.demo"}, -1, nullptr},
+      {{"serve", "nyx.tool.demo"},
+       -1,
+       nullptr,
+       "hbus: cannot own the name nyx.tool.demo on the session bus at unix:"},
       {{"set", "no.such.service", "x", "y"}, 3, nullptr},
       {{}, 2, nullptr},
       {{"frob", "a", "b"}, 2, nullptr},
@@ -221,6 +226,7 @@ TEST(HbusToolTest, ServesSetsAndGetsWithTheBusStatusAsExitStatus) {
     if (row.output != nullptr) {
       EXPECT_EQ(output, row.output);
     }
+    EXPECT_THAT(output, testing::HasSubstr(row.says));
   }
   EXPECT_TRUE(server.waitForLine("write greeting \"hello world\" from :", milliseconds(5000)));
   EXPECT_TRUE(server.waitForLine("write level -9 from :", milliseconds(5000))) << server.output();

@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,6 +38,34 @@ bool isSanitizerReport(const std::string& line) {
   static const std::regex report(
       "ERROR: (Address|Leak|Thread)Sanitizer|WARNING: ThreadSanitizer|runtime error: ");
   return std::regex_search(line, report);
+}
+
+// The processes of a process group that have not ended, as "PID (name)".
+std::vector<std::string> runningInGroup(pid_t group) {
+  std::vector<std::string> found;
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc", ignored)) {
+    const std::string pid = entry.path().filename();
+    if (pid.find_first_not_of("0123456789") != std::string::npos) {
+      continue;
+    }
+    std::ifstream in(entry.path() / "stat");
+    std::string stat;
+    std::getline(in, stat);
+    const size_t nameEnd = stat.rfind(')');
+    if (nameEnd == std::string::npos) {
+      continue;  // ended while being read
+    }
+    std::istringstream fields(stat.substr(nameEnd + 1));
+    std::string state;
+    long parent = 0, processGroup = 0;
+    fields >> state >> parent >> processGroup;
+    if (processGroup == group && state != "Z") {
+      const size_t nameStart = stat.find('(');
+      found.push_back(pid + " " + stat.substr(nameStart, nameEnd + 1 - nameStart));
+    }
+  }
+  return found;
 }
 
 size_t countContaining(const std::vector<std::string>& lines, const std::string& text) {
@@ -145,37 +173,59 @@ ChildProcess::ChildProcess(const Options& options) {
   argvPointers.push_back(nullptr);
 
   // Without inputPipe the child reads end of file at once, as from /dev/null.
-  int output[2], input[2];
+  int output[2], input[2], execFailure[2];
   if (options.inputPipe) {
     ::signal(SIGPIPE, SIG_IGN);  // a child that exits early must not kill the test
   }
-  if (pipe2(output, O_CLOEXEC) != 0 || pipe2(input, O_CLOEXEC) != 0) {
+  if (pipe2(output, O_CLOEXEC) != 0 || pipe2(input, O_CLOEXEC) != 0 ||
+      pipe2(execFailure, O_CLOEXEC) != 0) {
     throw systemError("pipe");
   }
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, input[0], 0);
-  posix_spawn_file_actions_adddup2(&actions, output[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, output[1], 2);
-  // A process group of its own, so that a Ctrl-C on the test does not reach it twice.
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
-  posix_spawnattr_setpgroup(&attributes, 0);
-  const int error =
-      posix_spawnp(&pid_, argv[0].c_str(), &actions, &attributes, argvPointers.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attributes);
+  const pid_t parent = getpid();
+  pid_ = fork();
+  if (pid_ == 0) {
+    // Only async-signal-safe calls until exec. A process group of its own, so
+    // that a Ctrl-C on the test does not reach it twice; and SIGKILL when the
+    // test process dies without running destructors (Ctrl-C, a time-out, a
+    // sanitizer's abort), so that the child never outlives the test.
+    setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) {
+      _exit(127);
+    }
+    dup2(input[0], 0);
+    dup2(output[1], 1);
+    dup2(output[1], 2);
+    execvp(argvPointers[0], argvPointers.data());
+    const int error = errno;
+    ssize_t ignored = write(execFailure[1], &error, sizeof error);
+    (void)ignored;
+    _exit(127);
+  }
+  const int forkError = errno;
+  if (pid_ > 0) {
+    setpgid(pid_, pid_);  // also here: the group must exist before any kill(-pid)
+  }
   close(output[1]);
   close(input[0]);
+  close(execFailure[1]);
+  int error = pid_ < 0 ? forkError : 0;
+  if (pid_ > 0 && read(execFailure[0], &error, sizeof error) != sizeof error) {
+    error = 0;  // closed by a successful exec
+  }
+  close(execFailure[0]);
   inputFd_ = input[1];
   if (error != 0 || !options.inputPipe) {
     closeInput();
   }
   if (error != 0) {
     close(output[0]);
+    if (pid_ > 0) {
+      waitpid(pid_, nullptr, 0);
+    }
     throw systemError("cannot start " + argv[0], error);
   }
+  name_ = argv[0];
   reader_ = std::thread(&ChildProcess::readOutput, this, output[0]);
 }
 
@@ -184,6 +234,17 @@ ChildProcess::~ChildProcess() {
   if (running()) {
     kill(pid_, SIGKILL);
     waitForExit(milliseconds(10000));
+  }
+  // What the child started in its group must have ended with it; a process
+  // left behind would outlive the test (and keep the output pipe open).
+  const auto left = runningInGroup(pid_);
+  if (!left.empty()) {
+    std::string names;
+    for (const auto& process : left) {
+      names += "\n  " + process;
+    }
+    ADD_FAILURE() << "child " << pid_ << " (" << name_ << ") left processes running:" << names;
+    kill(-pid_, SIGKILL);
   }
   reader_.join();
   if (std::any_of(lines_.begin(), lines_.end(), isSanitizerReport)) {
@@ -273,15 +334,9 @@ std::optional<int> ChildProcess::waitForExit(milliseconds timeout) {
 }
 
 PrivateBus::PrivateBus() {
-  // The shell holds the read end of a pipe whose only writer is this process:
-  // however this process ends, the read returns and the shell stops the daemon.
-  daemon_ = std::make_unique<ChildProcess>(ChildProcess::Options{
-      {"/bin/sh", "-c",
-       "dbus-daemon --session --nofork --print-address=1 --address=unix:tmpdir=\"$1\" "
-       "</dev/null & read -r line; kill $!; wait $!",
-       "nyx-private-bus", envOr("TMPDIR", "/tmp")},
-      false,
-      true});
+  daemon_ = std::make_unique<ChildProcess>(
+      ChildProcess::Options{{"dbus-daemon", "--session", "--nofork", "--print-address=1",
+                             "--address=unix:tmpdir=" + envOr("TMPDIR", "/tmp")}});
   if (!daemon_->waitForLine("unix:", milliseconds(10000))) {
     throw std::runtime_error("dbus-daemon did not start: " + daemon_->output());
   }
@@ -299,7 +354,10 @@ PrivateBus::~PrivateBus() {
 }
 
 void PrivateBus::stop() {
-  daemon_->closeInput();
+  // Once reaped, the pid may belong to another process: signal only a live bus.
+  if (daemon_->running()) {
+    daemon_->signal(SIGTERM);
+  }
   daemon_->waitForExit(milliseconds(5000));
 }
 

@@ -79,7 +79,11 @@ class NyxRoot {
 
 // A child process whose standard output and error are collected line by line.
 // The destructor kills (SIGKILL) and reaps it, and fails the running test when
-// the output holds a sanitizer's report, which only this object sees.
+// the output holds a sanitizer's report, which only this object sees, or when
+// a process the child started in its process group is still running (it is
+// killed then). The child gets SIGKILL when the thread that made it ends, so
+// that a test that dies without its destructors leaves nothing running:
+// construct it on the test's own thread.
 class ChildProcess {
  public:
   struct Options {
@@ -115,6 +119,7 @@ class ChildProcess {
   size_t countLocked(const std::string& text) const;
 
   pid_t pid_ = -1;
+  std::string name_;
   int inputFd_ = -1;
   std::optional<int> exitStatus_;
   mutable std::mutex mutex_;
@@ -125,8 +130,9 @@ class ChildProcess {
 };
 
 // A private dbus-daemon: while it lives DBUS_SESSION_BUS_ADDRESS points at it
-// and HBUS_BUS is unset. It also stops when the test process dies without
-// running this destructor (a sanitizer's abort, a crash, a time-out kill).
+// and HBUS_BUS is unset. Like every ChildProcess it also stops when the test
+// process dies without running this destructor (a sanitizer's abort, a
+// crash, a time-out kill).
 class PrivateBus {
  public:
   PrivateBus();

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -45,6 +46,30 @@ TEST(ChildProcessTest, FailsTheTestWhenAndOnlyWhenAChildPrintsASanitizerReport) 
       run(argv);
     }
   }
+}
+
+// A child that ends but leaves a process running in its group (a shell's
+// background job) fails the test, and the process is stopped.
+TEST(ChildProcessTest, FailsTheTestWhenAChildLeavesAProcessRunning) {
+  pid_t left = 0;
+  EXPECT_NONFATAL_FAILURE(
+      {
+        ChildProcess child({{"/bin/sh", "-c", "sleep 600 </dev/null >/dev/null 2>&1 & echo $!"}});
+        ASSERT_EQ(child.waitForExit(kDeadline), 0);
+        ASSERT_TRUE(child.waitForLine("", kDeadline));
+        left = std::stoi(child.lines().front());
+      },
+      "left processes running:");
+  ASSERT_GT(left, 0);
+  EXPECT_TRUE(nyxtest::waitUntil(
+      [&] {
+        std::ifstream stat("/proc/" + std::to_string(left) + "/stat");
+        std::string text;
+        std::getline(stat, text);
+        return text.empty() || text.find(") Z ") != std::string::npos;
+      },
+      kDeadline))
+      << "process " << left << " is still running";
 }
 
 // Run by the test below in a child: holds a private bus, prints its address
