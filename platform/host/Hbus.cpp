@@ -420,7 +420,6 @@ void HbusClose(HbusHandleStruct* handle) {
     return;
   }
   stopListener(handle);
-  handle->nameOwners.reset();
   if (handle->connection != nullptr) {
     if (handle->registration != 0) {
       g_dbus_connection_unregister_object(handle->connection, handle->registration);
@@ -439,6 +438,7 @@ void HbusClose(HbusHandleStruct* handle) {
   // GDBus now that the object is gone; this also frees what they hold.
   while (g_main_context_iteration(handle->context, FALSE)) {
   }
+  handle->nameOwners.reset();
   if (handle->connection != nullptr) {
     g_object_unref(handle->connection);
   }
