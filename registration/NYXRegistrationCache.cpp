@@ -1,6 +1,8 @@
 #include "registration/NYXRegistrationCache.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -80,6 +82,13 @@ std::string columnText(sqlite3_stmt* statement, int column) {
 }  // namespace
 
 NYXRegistrationCache::NYXRegistrationCache(const std::string& path) {
+  // The cache holds registration and customer identifiers: a new file is
+  // its owner's alone, whatever the umask (SQLite gives its journal the
+  // database's mode). An empty file is an empty database to SQLite.
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  if (fd >= 0) {
+    close(fd);
+  }
   sqlite3* raw = nullptr;
   int rc = sqlite3_open(path.c_str(), &raw);
   // SQLite hands back a connection even when opening fails; it carries the

@@ -20,6 +20,7 @@
 #include <string>
 #include <thread>
 
+#include "BusNameOwners.h"
 #include "hbus.h"
 #include "nyx_host_hbus.h"
 
@@ -160,6 +161,8 @@ struct HbusHandleStruct {
 
   std::mutex propertiesMutex;
   std::map<std::string, Property> properties;
+  // Made with the first property whose writes name their sender.
+  std::unique_ptr<nyxhost::BusNameOwners> nameOwners;
 
   std::mutex listenerMutex;
   GMainLoop* loop = nullptr;
@@ -183,8 +186,10 @@ void dispatchCall(HbusHandleStruct* handle, const char* sender, const std::strin
   g_variant_get_child(parameters, 0, "&s", &name);
 
   Property property;
+  nyxhost::BusNameOwners* nameOwners = nullptr;
   {
     std::lock_guard<std::mutex> lock(handle->propertiesMutex);
+    nameOwners = handle->nameOwners.get();
     auto found = handle->properties.find(name);
     if (found == handle->properties.end() || (found->second.type == PropertyType::kInt) != isInt) {
       const std::string message =
@@ -213,7 +218,9 @@ void dispatchCall(HbusHandleStruct* handle, const char* sender, const std::strin
     if (property.stringWriteNew != nullptr) {
       std::unique_ptr<GHashTable, decltype(&g_hash_table_destroy)> parametersTable(
           g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free), g_hash_table_destroy);
-      g_hash_table_insert(parametersTable.get(), g_strdup("sender"), g_strdup(sender));
+      const std::string senderName =
+          nameOwners != nullptr ? nameOwners->senderName(sender) : std::string(sender);
+      g_hash_table_insert(parametersTable.get(), g_strdup("sender"), g_strdup(senderName.c_str()));
       status =
           property.stringWriteNew(handle, name, value, parametersTable.get(), property.userData);
     } else if (property.stringWrite != nullptr) {
@@ -493,6 +500,7 @@ void HbusClose(HbusHandleStruct* handle) {
   // GDBus now that the object is gone; this also frees what they hold.
   while (g_main_context_iteration(handle->context, FALSE)) {
   }
+  handle->nameOwners.reset();
   if (handle->connection != nullptr) {
     g_object_unref(handle->connection);
   }
@@ -528,7 +536,19 @@ int HbusRegisterStringPropertyNew(HbusHandleStruct* handle, const char* property
   record.stringRead = readHandler;
   record.stringWriteNew = writeHandler;
   record.userData = userData;
-  return registerProperty(handle, property, record);
+  const int status = registerProperty(handle, property, record);
+  if (status == HBUS_STATUS_OK && handle->connection != nullptr) {
+    try {
+      std::lock_guard<std::mutex> lock(handle->propertiesMutex);
+      if (!handle->nameOwners) {
+        handle->nameOwners = std::make_unique<nyxhost::BusNameOwners>(
+            handle->connection, handle->context, callTimeoutMs());
+      }
+    } catch (...) {
+      return HBUS_STATUS_FAILURE;
+    }
+  }
+  return status;
 }
 
 int HbusStartListener(HbusHandleStruct* handle) {

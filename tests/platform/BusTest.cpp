@@ -1,5 +1,6 @@
 // The property bus on a private dbus-daemon, through the platform's functions
 // and through the hbus tool.
+#include <gio/gio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -159,10 +160,8 @@ TEST_F(ServiceTest, WritesWaitForTheListenerRunOnItAndNameTheirSender) {
   ASSERT_EQ(HbusSetStringProperty(caller_.get(), kService, "request", "late"), 0);
   const std::string sender = nyx_host_hbus_unique_name(caller_.get());
   EXPECT_EQ(sender.rfind(":", 0), 0u);
-  EXPECT_EQ(recorder_.seen(),
-            (std::vector<std::string>{
-                "request=early from " + std::string(nyx_host_hbus_unique_name(named.get())),
-                "request=late from " + sender}));
+  EXPECT_EQ(recorder_.seen(), (std::vector<std::string>{"request=early from nyx.test.writer",
+                                                        "request=late from " + sender}));
   {
     std::lock_guard<std::mutex> lock(recorder_.mutex);
     EXPECT_EQ(recorder_.threads.at(0), recorder_.threads.at(1));
@@ -175,6 +174,56 @@ TEST_F(ServiceTest, WritesWaitForTheListenerRunOnItAndNameTheirSender) {
   EXPECT_EQ(HbusSetStringProperty(service_.get(), sender.c_str(), "reply", "done"), 0);
   EXPECT_EQ(answers.seen(), std::vector<std::string>{"reply=done"});
   caller_.reset();
+}
+
+// A caller is named by its well-known name while it owns exactly one, and
+// otherwise by its unique name, as the bus stood when the write arrived.
+TEST_F(ServiceTest, SenderIsTheCallersOnlyWellKnownNameElseItsUniqueName) {
+  ASSERT_EQ(HbusStartListener(service_.get()), 0);
+  GDBusConnection* caller = g_dbus_connection_new_for_address_sync(
+      g_getenv("DBUS_SESSION_BUS_ADDRESS"),
+      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+      nullptr, nullptr, nullptr);
+  ASSERT_NE(caller, nullptr);
+  const std::string unique = g_dbus_connection_get_unique_name(caller);
+  auto callBus = [caller](const char* method, const char* name) {
+    GVariant* reply = g_dbus_connection_call_sync(
+        caller, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
+        g_strcmp0(method, "RequestName") == 0 ? g_variant_new("(su)", name, 4u)
+                                              : g_variant_new("(s)", name),
+        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    ASSERT_NE(reply, nullptr) << method << " " << name;
+    g_variant_unref(reply);
+  };
+  const struct {
+    const char *what, *request, *release;  // the caller's names change first
+    std::string sender;
+  } cases[] = {
+      {"no name", nullptr, nullptr, unique},
+      {"one name", "nyx.test.app", nullptr, "nyx.test.app"},
+      {"two names", "nyx.test.other", nullptr, unique},
+      {"one of them released", nullptr, "nyx.test.app", "nyx.test.other"},
+      {"the last released", nullptr, "nyx.test.other", unique},
+  };
+  for (const auto& row : cases) {
+    SCOPED_TRACE(row.what);
+    if (row.request != nullptr) {
+      callBus("RequestName", row.request);
+    }
+    if (row.release != nullptr) {
+      callBus("ReleaseName", row.release);
+    }
+    GVariant* reply =
+        g_dbus_connection_call_sync(caller, kService, "/hbus", "hbus.Properties", "SetString",
+                                    g_variant_new("(ss)", "request", row.what), nullptr,
+                                    G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    ASSERT_NE(reply, nullptr);
+    g_variant_unref(reply);
+    EXPECT_EQ(recorder_.seen().back(), std::string("request=") + row.what + " from " + row.sender);
+  }
+  g_dbus_connection_close_sync(caller, nullptr, nullptr);
+  g_object_unref(caller);
 }
 
 ChildProcess::Options hbus(const std::vector<std::string>& args) {

@@ -5,6 +5,7 @@
 // (RegistrationOverBusAndHttpTest). CMake runs the three as separate tests.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <cstdio>
@@ -80,8 +81,12 @@ class NYXRegistrationCacheTest : public ::testing::Test {
   nyxtest::TempDir dir_;
 };
 
-TEST_F(NYXRegistrationCacheTest, NewFileGetsTheTableAndSchemaVersionOne) {
+TEST_F(NYXRegistrationCacheTest, NewFileIsPrivateAndGetsTheTableAndSchemaVersionOne) {
   { NYXRegistrationCache cache(file()); }
+
+  struct stat status {};
+  ASSERT_EQ(stat(file().c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600u);
 
   EXPECT_EQ(sqliteShell(file(), "PRAGMA user_version;"), "1\n");
   EXPECT_EQ(sqliteShell(file(), ".schema"),

@@ -204,18 +204,28 @@ class SampleAppTest(SimTestCase):
 
     def test_registers_through_the_daemon_and_prints_answers_and_messages(self):
         writes = self.own_daemon_name()
-        app = self.start("nyx-sample-app", "--register", "com.start", stdin=subprocess.PIPE)
+        # Without a name nyxd answers the unique name; with one, that name.
+        for name in ([], ["--name", "com.example.app"]):
+            with self.subTest(name=name):
+                writes.clear()
+                self.check_sample_app(name, writes)
+
+    def check_sample_app(self, name, writes):
+        app = self.start("nyx-sample-app", *name, "--register", "com.start",
+                         stdin=subprocess.PIPE)
         unique = app.ready["unique_name"]
+        service = name[1] if name else unique
+        self.assertEqual(app.ready["name"], service)
         app.proc.stdin.write("register com.a, com.b\nunregister\n")
         app.proc.stdin.flush()
         wait_for(lambda: len(writes) == 3, "three writes")
         self.assertEqual(writes, [(unique, "nyx_register", "com.start"),
                                   (unique, "nyx_register", "com.a, com.b"),
                                   (unique, "nyx_unregister", "")])
-        self.call(unique, "SetString", "nyx_registration", '{"registration_id":"reg-1"}')
+        self.call(service, "SetString", "nyx_registration", '{"registration_id":"reg-1"}')
         self.assertEqual(app.log()[-1]["summary"], "registered with id reg-1")
         data = '{"collapse_key":"do_not_collapse","from":"com.sender"}'
-        self.call(unique, "SetString", "nyx_message",
+        self.call(service, "SetString", "nyx_message",
                   '{"id":"n1","directedId":"c-1","payload":"%s"}' % b64(data.encode()))
         record = app.log()[-1]
         del record["time"]
