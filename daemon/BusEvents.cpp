@@ -80,7 +80,7 @@ bool frameworkIsUp() {
   HbusHandleStruct* handle = HbusHandleProvider::getHandle(kCobaltDeviceMessaging);
   int value = 0;
   int status = HbusGetIntProperty(handle, kComCorvidShell, kFrameworkStartedOfShell, &value);
-  if (status != 0) {
+  if (status != HBUS_STATUS_OK) {
     logError(kMain, "HbusGetIntProperty failed, prop = %s, status = %d", kFrameworkStartedOfShell,
              status);
     return false;
@@ -125,7 +125,7 @@ bool hasSender(const std::string& sender, const char* request) {
 // Returns when status is 0, else throws std::runtime_error
 // "<label>: Hbus failure: <status as unsigned>".
 void checkHbusStatus(const std::string& label, int status) {
-  if (status != 0) {
+  if (status != HBUS_STATUS_OK) {
     throw std::runtime_error(
         label + ": Hbus failure: " + std::to_string(static_cast<unsigned int>(status)));
   }
