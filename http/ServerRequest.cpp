@@ -1,15 +1,14 @@
 #include "http/ServerRequest.h"
 
-#include <cstdlib>
-#include <memory>
 #include <stdexcept>
 
+#include "daemon/common/COwners.h"
 #include "dynconfig.h"
 
 std::string configuredServerUrl(const char* configKey) {
   char* rawUrl = nullptr;
   const int status = getDynamicConfigValue(configKey, &rawUrl);
-  std::unique_ptr<char, decltype(&std::free)> url(rawUrl, std::free);
+  MallocString url(rawUrl);
   if (status != 0 || url == nullptr) {
     throw std::runtime_error("Failed to get device messaging URL from dynconfig.");
   }

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "HostFiles.h"
+#include "HostOwners.h"
 #include "libauth.h"
 
 namespace {
@@ -55,14 +56,10 @@ std::optional<std::string> sha256Hex(const void* data, size_t length) {
 }
 
 std::string utcNow() {
-  std::unique_ptr<GDateTime, decltype(&g_date_time_unref)> now(g_date_time_new_now_utc(),
-                                                               g_date_time_unref);
-  std::unique_ptr<gchar, decltype(&g_free)> text(
-      g_date_time_format(now.get(), "%Y-%m-%dT%H:%M:%SZ"), g_free);
+  nyxhost::GDateTimeOwner now(g_date_time_new_now_utc());
+  nyxhost::GFreeString text(g_date_time_format(now.get(), "%Y-%m-%dT%H:%M:%SZ"));
   return text.get();
 }
-
-using CurlUrl = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
 
 // One part of a parsed URL, or nullopt when the URL has none.
 std::optional<std::string> urlPart(CURLU* url, CURLUPart part) {
@@ -70,9 +67,7 @@ std::optional<std::string> urlPart(CURLU* url, CURLUPart part) {
   if (curl_url_get(url, part, &raw, 0) != CURLUE_OK || raw == nullptr) {
     return std::nullopt;
   }
-  std::string text(raw);
-  curl_free(raw);
-  return text;
+  return std::string(nyxhost::CurlString(raw).get());
 }
 
 }  // namespace
@@ -88,7 +83,7 @@ char* libauth_getPathQueryFragmentFromURL(const char* url) {
   if (url == nullptr) {
     return nullptr;
   }
-  CurlUrl parsed(curl_url(), curl_url_cleanup);
+  nyxhost::CurlUrlOwner parsed(curl_url());
   if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url, 0) != CURLUE_OK) {
     return nullptr;
   }
