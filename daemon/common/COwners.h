@@ -1,7 +1,8 @@
 // Owners of what the C libraries hand out, so that every resource the daemon
 // takes from them is released on every path, exceptions included.
 //
-// CRelease<f> is a deleter that calls the library's release function f; it
+// CRelease<f> is a deleter that calls the library's release function f (the
+// constant converts to the function pointer, which is then called); it
 // stores nothing, so an owner is the size of a pointer. COwner<T, f> is the
 // std::unique_ptr with that deleter; a std::shared_ptr takes CRelease<f>()
 // as its deleter where ownership is shared.
@@ -15,14 +16,10 @@
 
 #include <cstdlib>
 #include <memory>
+#include <type_traits>
 
 template <auto Release>
-struct CRelease {
-  template <typename T>
-  void operator()(T* resource) const {
-    Release(resource);
-  }
-};
+using CRelease = std::integral_constant<decltype(Release), Release>;
 
 template <typename T, auto Release>
 using COwner = std::unique_ptr<T, CRelease<Release>>;

@@ -1,6 +1,6 @@
 // Owners of what GLib, GIO and libcurl hand the host platform, so that each
 // is released on every path. The host platform sits below the daemon and
-// keeps its own small set; the pattern is the daemon's COwner.
+// keeps its own small set.
 #ifndef NYX_PLATFORM_HOST_HOST_OWNERS_H
 #define NYX_PLATFORM_HOST_HOST_OWNERS_H
 
@@ -8,20 +8,14 @@
 #include <glib.h>
 
 #include <memory>
+#include <type_traits>
 
 namespace nyxhost {
 
-// A deleter that calls the release function Release; it stores nothing.
-template <auto Release>
-struct Releaser {
-  template <typename T>
-  void operator()(T* resource) const {
-    Release(resource);
-  }
-};
-
+// A unique_ptr whose deleter calls Release: the constant converts to the
+// function pointer, which is then called. It stores nothing.
 template <typename T, auto Release>
-using Owner = std::unique_ptr<T, Releaser<Release>>;
+using Owner = std::unique_ptr<T, std::integral_constant<decltype(Release), Release>>;
 
 // A string from g_malloc (g_strdup, g_file_get_contents, ...).
 using GFreeString = Owner<gchar, g_free>;
