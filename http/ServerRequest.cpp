@@ -15,13 +15,19 @@ std::string configuredServerUrl(const char* configKey) {
   return std::string(url.get());
 }
 
-WebRequest newServerRequest(const std::string& url, const RequestMethod& method,
-                            const std::string& reason) {
+WebRequest signedServerRequest(const std::string& url, const RequestMethod& method,
+                               const std::string& reason, const std::string& jsonBody,
+                               RequestSigner& signer) {
   WebRequest request;
   request.setUrl(url);
   request.setMethod(method);
   request.setHeader("accept", "application/json");
+  if (!jsonBody.empty()) {
+    request.setHeader("content-type", "application/json");
+    request.setBody(jsonBody);
+  }
   request.setHeader("x-zvo-reason", reason);
   request.setMaxRetries(3);
+  signer.sign(request);
   return request;
 }
