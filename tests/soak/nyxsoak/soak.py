@@ -22,17 +22,12 @@ import time
 import urllib.error
 import urllib.request
 
-import gi
+from nyxtools import bus, rig
+from nyxtools.bus import DAEMON, OUTBOX, SHELL
+from gi.repository import Gio, GLib  # after nyxtools.bus, which asks for their versions
 
-gi.require_version("Gio", "2.0")
-gi.require_version("GLib", "2.0")
-from gi.repository import Gio, GLib  # noqa: E402
+from . import ledger, procs
 
-from . import ledger, procs  # noqa: E402
-
-DAEMON = "cobalt.device.messaging"
-SHELL = "com.corvid.shell"
-OUTBOX = "com.corvid.outbox"
 TOPICS = ["com.soak.r0", "com.soak.r1", "com.soak.r2"]
 NOBODY = "com.soak.nobody"          # a topic no service ever serves
 SENDERS = ["s.alpha", "s.beta", "s.gamma"]
@@ -43,9 +38,6 @@ HANG_SECONDS = 3                    # longer than that: a held write times out
 RSS_TOLERANCE = 0.10
 STORM = 1000
 FAULT_PATIENCE = 6.0                # seconds a scheduled server fault waits to fire
-
-BUS_FLAGS = (Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
-             | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION)
 
 
 class Failure(Exception):
@@ -109,11 +101,7 @@ class Soak:
         return os.path.join(self.work, *parts)
 
     def env(self, **extra):
-        env = dict(os.environ)
-        env.pop("HBUS_BUS", None)
-        env.update(DBUS_SESSION_BUS_ADDRESS=self.bus.address, NYX_ROOT=self.root,
-                   PYTHONDONTWRITEBYTECODE="1", **extra)
-        return env
+        return rig.device_env(self.bus.address, self.root, **extra)
 
     def tool(self, *parts):
         return os.path.join(self.source, "tools", *parts)
@@ -121,12 +109,10 @@ class Soak:
     def start_helper(self, argv, name, stdin=None):
         """Starts a tool that writes a ready file; returns (process, ready record)."""
         ready = self.path("%s.%d.ready" % (name, len(self.helpers)))
-        out = open(self.path(name + ".out"), "ab")
-        proc = subprocess.Popen(argv + ["--ready-file", ready], env=self.env(), stdin=stdin,
-                                stdout=out, stderr=subprocess.STDOUT)
-        out.close()
+        with open(self.path(name + ".out"), "ab") as out:
+            proc, record = rig.start_helper(argv, ready, self.env(), out, stdin)
         self.helpers.append(proc)
-        return proc, procs.read_ready_file(ready, proc)
+        return proc, record
 
     def admin(self, method, path, body=None):
         data = None if body is None else json.dumps(body).encode()
@@ -138,29 +124,17 @@ class Soak:
         except urllib.error.HTTPError as error:
             return {"error": error.code, "body": error.read().decode("utf-8", "replace")}
 
-    def call(self, service, method, prop, value, timeout_ms=3000):
+    def call(self, service, prop, value, timeout_ms=3000):
         """Writes a property from the soak's own anonymous connection; the bus
         status as the daemon's bus library would report it."""
-        signature = "(si)" if method == "SetInt" else "(ss)"
-        try:
-            self.conn.call_sync(service, "/hbus", "hbus.Properties", method,
-                                GLib.Variant(signature, (prop, value)), None,
-                                Gio.DBusCallFlags.NONE, timeout_ms, None)
-            return 0
-        except GLib.Error as error:
-            return error.message
+        return bus.write(self.conn, service, prop, value, timeout_ms)
 
     # --- set-up ----------------------------------------------------------
 
     def setup(self):
-        for sub in ("var/run", "var/local", "etc/nyx-host/tls"):
-            os.makedirs(os.path.join(self.root, sub), exist_ok=True)
-        for name, text in (("device-serial", "SOAK-0001"), ("device-secret", "soak-secret"),
-                           ("customer", "customer-soak")):
-            with open(os.path.join(self.root, "etc/nyx-host", name), "w") as f:
-                f.write(text + "\n")
-        self.bus = procs.PrivateBus(self.work)
-        self.conn = Gio.DBusConnection.new_for_address_sync(self.bus.address, BUS_FLAGS, None, None)
+        rig.make_device_root(self.root, "SOAK-0001", "soak-secret", "customer-soak")
+        self.bus = rig.PrivateBus(self.work)
+        self.conn = bus.connect(self.bus.address)
         py = sys.executable
         _, info = self.start_helper(
             [py, self.tool("mock-server", "nyx-mock-server"), "--root", self.root, "--port", "0",
@@ -197,7 +171,7 @@ class Soak:
         if proc is None:
             return
         self.outages.down(topic, time.time())
-        procs.stop_process(proc)
+        rig.stop_process(proc)
         self.receivers[topic] = None
 
     def start_app(self):
@@ -252,14 +226,13 @@ class Soak:
             self.enqueued[msg_id] = (target, now)
 
     def nudge(self):
-        self.call(DAEMON, "SetInt", "wanRing", 1)
+        self.call(DAEMON, "wanRing", 1)
 
     def other_event(self):
-        prop, method, value = self.rng.choice([
-            ("credentialsInstalled", "SetInt", 1), ("resuming", "SetInt", 1),
-            ("managementStateChanged", "SetInt", 0), ("managementStateChanged", "SetInt", 1),
-            ("interfaceChange", "SetString", "wlan0"), ("FrameworkStarted", "SetString", "1")])
-        self.call(DAEMON, method, prop, value)
+        prop, value = self.rng.choice([
+            ("credentialsInstalled", 1), ("resuming", 1), ("managementStateChanged", 0),
+            ("managementStateChanged", 1), ("interfaceChange", "wlan0"), ("FrameworkStarted", "1")])
+        self.call(DAEMON, prop, value)
 
     def app_register(self, app=None, senders=None):
         app = app or self.rng.choice(self.live_apps())
@@ -287,7 +260,7 @@ class Soak:
         app.command("quit")
         app.alive = False
         self.outages.down(app.unique, time.time())
-        procs.stop_process(app.proc)
+        rig.stop_process(app.proc)
         self.count("app vanished")
         self.app_register(self.start_app())
 
@@ -307,16 +280,16 @@ class Soak:
         context = GLib.MainContext.new()
         context.push_thread_default()
         try:
-            conn = Gio.DBusConnection.new_for_address_sync(self.bus.address, BUS_FLAGS, None, None)
+            conn = bus.connect(self.bus.address)
             answered = []
-            write = GLib.Variant("(si)", ("wanRing", 1))
+            write = bus.parameters("SetInt", "wanRing", 1)
 
             def done(c, r, _):
                 answered.append(self._finish(c, r))
 
             started = time.monotonic()
             for _ in range(STORM):
-                conn.call(DAEMON, "/hbus", "hbus.Properties", "SetInt", write, None,
+                conn.call(DAEMON, bus.OBJECT_PATH, bus.INTERFACE, "SetInt", write, None,
                           Gio.DBusCallFlags.NONE, 30000, None, done, None)
             conn.flush_sync(None)
             sent = time.monotonic() - started
@@ -436,7 +409,7 @@ class Soak:
         if topic is None:
             return False
         status = self.rng.choice([1, 5, 42, 8])
-        if self.call(topic, "SetInt", "refuseStatus", status) != 0:
+        if self.call(topic, "refuseStatus", status) != 0:
             return False
         if status in (3, 8):
             self.outages.down(topic, time.time())
@@ -445,19 +418,19 @@ class Soak:
 
         def revert():
             if self.receivers.get(topic):
-                self.call(topic, "SetInt", "refuseStatus", 0)
+                self.call(topic, "refuseStatus", 0)
                 if status in (3, 8):
                     self.outages.up(topic, time.time())
         self.later(self.rng.uniform(1, 5), "%s accepts" % topic, revert)
 
     def receiver_hangs(self):
         topic = self.rng.choice([t for t in TOPICS if self.receivers[t]] or [None])
-        if topic is None or self.call(topic, "SetInt", "hangSeconds", HANG_SECONDS) != 0:
+        if topic is None or self.call(topic, "hangSeconds", HANG_SECONDS) != 0:
             return False
         self.count("receiver hangs")
         self.note("%s holds writes for %d s" % (topic, HANG_SECONDS))
         self.later(self.rng.uniform(1, 4), "%s answers at once" % topic,
-                   lambda: self.receivers.get(topic) and self.call(topic, "SetInt", "hangSeconds", 0))
+                   lambda: self.receivers.get(topic) and self.call(topic, "hangSeconds", 0))
 
     def receiver_vanishes(self):
         topic = self.rng.choice([t for t in TOPICS if self.receivers[t]] or [None])
@@ -470,24 +443,24 @@ class Soak:
                    lambda: self.start_receiver(topic))
 
     def outbox_refuses(self):
-        self.call(OUTBOX, "SetInt", "refuseStatus", self.rng.choice([1, 5]))
+        self.call(OUTBOX, "refuseStatus", self.rng.choice([1, 5]))
         self.count("outbox refuses")
         self.note("outbox refuses entries")
         self.later(self.rng.uniform(1, 4), "outbox accepts",
-                   lambda: self.call(OUTBOX, "SetInt", "refuseStatus", 0))
+                   lambda: self.call(OUTBOX, "refuseStatus", 0))
 
     def outbox_hangs(self):
-        self.call(OUTBOX, "SetInt", "hangSeconds", HANG_SECONDS)
+        self.call(OUTBOX, "hangSeconds", HANG_SECONDS)
         self.count("outbox hangs")
         self.note("outbox holds entries for %d s" % HANG_SECONDS)
         self.later(self.rng.uniform(1, 3), "outbox answers at once",
-                   lambda: self.call(OUTBOX, "SetInt", "hangSeconds", 0))
+                   lambda: self.call(OUTBOX, "hangSeconds", 0))
 
     def framework_down(self):
-        self.call(SHELL, "SetInt", "frameworkStarted", 0)
+        self.call(SHELL, "frameworkStarted", 0)
         self.count("framework down")
         self.later(self.rng.uniform(1, 3), "framework up",
-                   lambda: self.call(SHELL, "SetInt", "frameworkStarted", 1))
+                   lambda: self.call(SHELL, "frameworkStarted", 1))
 
     def sigterm(self):
         self.count("SIGTERM")
@@ -571,11 +544,11 @@ class Soak:
         for topic in TOPICS:
             if not self.receivers[topic]:
                 self.start_receiver(topic)
-            self.call(topic, "SetInt", "refuseStatus", 0)
-            self.call(topic, "SetInt", "hangSeconds", 0)
-        self.call(OUTBOX, "SetInt", "refuseStatus", 0)
-        self.call(OUTBOX, "SetInt", "hangSeconds", 0)
-        self.call(SHELL, "SetInt", "frameworkStarted", 1)
+            self.call(topic, "refuseStatus", 0)
+            self.call(topic, "hangSeconds", 0)
+        self.call(OUTBOX, "refuseStatus", 0)
+        self.call(OUTBOX, "hangSeconds", 0)
+        self.call(SHELL, "frameworkStarted", 1)
         self.sup.release()
         deadline = time.monotonic() + self.args.settle
         pending = None
@@ -689,7 +662,7 @@ class Soak:
         if self.sup is not None:
             self.sup.close()
         for proc in reversed(self.helpers):
-            procs.stop_process(proc)
+            rig.stop_process(proc)
         if self.conn is not None:
             self.conn.close_sync(None)
         if getattr(self, "bus", None) is not None:
