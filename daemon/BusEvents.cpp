@@ -6,9 +6,9 @@
 #include <stdexcept>
 
 #include "daemon/HandOver.h"
-#include "daemon/HbusHandleProvider.h"
-#include "daemon/Logging.h"
 #include "daemon/Task.h"
+#include "daemon/common/HbusHandleProvider.h"
+#include "daemon/common/Logging.h"
 #include "libauth.h"
 #include "messaging/WispPollReason.h"
 #include "messaging/WispPollRequestHandler.h"

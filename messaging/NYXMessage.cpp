@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include "daemon/Json.h"
+#include "daemon/common/Json.h"
 
 struct NYXMessage::Record {
   std::string registrationId;

@@ -3,8 +3,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "daemon/Json.h"
-#include "daemon/Logging.h"
+#include "daemon/common/Json.h"
+#include "daemon/common/Logging.h"
 #include "messaging/Base64.h"
 #include "messaging/MessageCrc.h"
 #include "messaging/WispFetchRequestBuilder.h"

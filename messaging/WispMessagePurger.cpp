@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "daemon/Json.h"
-#include "daemon/Logging.h"
+#include "daemon/common/Json.h"
+#include "daemon/common/Logging.h"
 #include "messaging/Base64.h"
 #include "messaging/WispPurgeMessageRequest.h"
 

@@ -1,6 +1,6 @@
 #include "messaging/WispPurgeMessageRequest.h"
 
-#include "daemon/Json.h"
+#include "daemon/common/Json.h"
 
 WispPurgeMessageRequest::WispPurgeMessageRequest(const WispMessage& message) : message_(message) {}
 

@@ -3,8 +3,8 @@
 #include <boost/algorithm/string/trim.hpp>
 #include <locale>
 
-#include "daemon/Json.h"
-#include "daemon/Logging.h"
+#include "daemon/common/Json.h"
+#include "daemon/common/Logging.h"
 #include "http/HttpErrors.h"
 #include "registration/NYXRegistrationError.h"
 #include "registration/NYXRegistrationRequestBuilder.h"

@@ -1,7 +1,7 @@
 #include "registration/NYXRegistrationResponder.h"
 
-#include "daemon/Json.h"
-#include "daemon/Logging.h"
+#include "daemon/common/Json.h"
+#include "daemon/common/Logging.h"
 
 namespace {
 

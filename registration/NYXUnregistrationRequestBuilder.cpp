@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include "daemon/Json.h"
+#include "daemon/common/Json.h"
 #include "registration/DeviceMessagingRequest.h"
 
 struct NYXUnregistrationRequestBuilder::Record {

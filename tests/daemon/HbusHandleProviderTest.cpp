@@ -1,7 +1,7 @@
 // The process-wide bus handle table on a private bus; the table is never
 // emptied, so this binary is its own. Also the registration request
 // callbacks, which look at nothing but their parameters.
-#include "daemon/HbusHandleProvider.h"
+#include "daemon/common/HbusHandleProvider.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,8 +13,8 @@
 #include <utility>
 
 #include "daemon/BusEvents.h"
-#include "daemon/IPCMessageSender.h"
 #include "daemon/Task.h"
+#include "daemon/common/IPCMessageSender.h"
 #include "hbus.h"
 #include "tests/support/TestSupport.h"
 

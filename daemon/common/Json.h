@@ -5,8 +5,8 @@
 // exception, so a hostile document is an error the caller sees, never
 // undefined behaviour. Code should still check a member's type before reading
 // it; the exception is the safety net.
-#ifndef NYX_DAEMON_JSON_H
-#define NYX_DAEMON_JSON_H
+#ifndef NYX_DAEMON_COMMON_JSON_H
+#define NYX_DAEMON_COMMON_JSON_H
 
 #include <stdexcept>
 #include <string>
@@ -17,7 +17,7 @@ class JsonError : public std::runtime_error {
 };
 
 #ifdef RAPIDJSON_ASSERT
-#error "Include RapidJSON only through daemon/Json.h"
+#error "Include RapidJSON only through daemon/common/Json.h"
 #endif
 #define RAPIDJSON_HAS_STDSTRING 1
 #define RAPIDJSON_ASSERT(condition)   \
@@ -38,4 +38,4 @@ void parseUntrusted(Document& document, const std::string& text) {
   document.template Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
 }
 
-#endif  // NYX_DAEMON_JSON_H
+#endif  // NYX_DAEMON_COMMON_JSON_H

@@ -3,8 +3,8 @@
 //
 // Used on the worker thread by the registration responder, the message
 // dispatcher and the purger, which share one sender per handler.
-#ifndef NYX_DAEMON_IPC_MESSAGE_SENDER_H
-#define NYX_DAEMON_IPC_MESSAGE_SENDER_H
+#ifndef NYX_DAEMON_COMMON_IPC_MESSAGE_SENDER_H
+#define NYX_DAEMON_COMMON_IPC_MESSAGE_SENDER_H
 
 #include <string>
 
@@ -20,4 +20,4 @@ class IPCMessageSender {
                    const std::string& value);
 };
 
-#endif  // NYX_DAEMON_IPC_MESSAGE_SENDER_H
+#endif  // NYX_DAEMON_COMMON_IPC_MESSAGE_SENDER_H

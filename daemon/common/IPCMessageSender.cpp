@@ -1,6 +1,6 @@
-#include "daemon/IPCMessageSender.h"
+#include "daemon/common/IPCMessageSender.h"
 
-#include "daemon/HbusHandleProvider.h"
+#include "daemon/common/HbusHandleProvider.h"
 #include "hbus.h"
 
 IPCMessageSender::~IPCMessageSender() = default;

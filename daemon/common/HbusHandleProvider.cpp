@@ -1,4 +1,4 @@
-#include "daemon/HbusHandleProvider.h"
+#include "daemon/common/HbusHandleProvider.h"
 
 #include <map>
 #include <stdexcept>
