@@ -391,12 +391,17 @@ class Soak:
             "4xx on registration": (1, lambda: self.server_fault(
                 "4xx on registration", {"kind": "status", "status": 400,
                                         "only": rng.choice(["register", "unregister"])})),
-            "receiver refuses": (3, self.receiver_refuses),
-            "receiver hangs": (2, self.receiver_hangs),
+            "receiver refuses": (3, lambda: self.service_fault(
+                "receiver refuses", None, "refuseStatus", rng.choice([1, 5, 42, 8]), 0, 5)),
+            "receiver hangs": (2, lambda: self.service_fault(
+                "receiver hangs", None, "hangSeconds", HANG_SECONDS, 0, 4)),
             "receiver vanishes": (2, self.receiver_vanishes),
-            "outbox refuses": (2, self.outbox_refuses),
-            "outbox hangs": (1, self.outbox_hangs),
-            "framework down": (1, self.framework_down),
+            "outbox refuses": (2, lambda: self.service_fault(
+                "outbox refuses", OUTBOX, "refuseStatus", rng.choice([1, 5]), 0, 4)),
+            "outbox hangs": (1, lambda: self.service_fault(
+                "outbox hangs", OUTBOX, "hangSeconds", HANG_SECONDS, 0, 3)),
+            "framework down": (1, lambda: self.service_fault(
+                "framework down", SHELL, "frameworkStarted", 0, 1, 3)),
             "app vanishes": (1, self.app_vanish),
             "registration churn": (1, self.app_churn),
             "SIGTERM": (1, self.sigterm),
@@ -404,33 +409,28 @@ class Soak:
             "SIGKILL during a cache write": (2, self.kill_during_registration),
         }
 
-    def receiver_refuses(self):
-        topic = self.rng.choice([t for t in TOPICS if self.receivers[t]] or [None])
-        if topic is None:
+    def service_fault(self, name, service, prop, value, normal, within):
+        """Sets a simulator's control property to `value` and back to `normal`
+        within `within` seconds. `service` None picks a receiver that is up;
+        returns False when there is none or the write failed. A refusal with
+        3 or 8 reads to the daemon as a missing service: an outage."""
+        if service is None:
+            service = self.rng.choice([t for t in TOPICS if self.receivers[t]] or [None])
+        if service is None or self.call(service, prop, value) != 0:
             return False
-        status = self.rng.choice([1, 5, 42, 8])
-        if self.call(topic, "refuseStatus", status) != 0:
-            return False
-        if status in (3, 8):
-            self.outages.down(topic, time.time())
-        self.count("receiver refuses")
-        self.note("%s refuses writes with %d" % (topic, status))
+        outage = prop == "refuseStatus" and value in (3, 8)
+        if outage:
+            self.outages.down(service, time.time())
+        self.count(name)
+        self.note("%s: %s = %s" % (service, prop, value))
 
         def revert():
-            if self.receivers.get(topic):
-                self.call(topic, "refuseStatus", 0)
-                if status in (3, 8):
-                    self.outages.up(topic, time.time())
-        self.later(self.rng.uniform(1, 5), "%s accepts" % topic, revert)
-
-    def receiver_hangs(self):
-        topic = self.rng.choice([t for t in TOPICS if self.receivers[t]] or [None])
-        if topic is None or self.call(topic, "hangSeconds", HANG_SECONDS) != 0:
-            return False
-        self.count("receiver hangs")
-        self.note("%s holds writes for %d s" % (topic, HANG_SECONDS))
-        self.later(self.rng.uniform(1, 4), "%s answers at once" % topic,
-                   lambda: self.receivers.get(topic) and self.call(topic, "hangSeconds", 0))
+            # A receiver off the bus now has nothing to undo.
+            if service not in self.receivers or self.receivers[service]:
+                self.call(service, prop, normal)
+                if outage:
+                    self.outages.up(service, time.time())
+        self.later(self.rng.uniform(1, within), "%s: %s = %s" % (service, prop, normal), revert)
 
     def receiver_vanishes(self):
         topic = self.rng.choice([t for t in TOPICS if self.receivers[t]] or [None])
@@ -441,26 +441,6 @@ class Soak:
         self.note("%s left the bus" % topic)
         self.later(self.rng.uniform(1, 6), "%s back on the bus" % topic,
                    lambda: self.start_receiver(topic))
-
-    def outbox_refuses(self):
-        self.call(OUTBOX, "refuseStatus", self.rng.choice([1, 5]))
-        self.count("outbox refuses")
-        self.note("outbox refuses entries")
-        self.later(self.rng.uniform(1, 4), "outbox accepts",
-                   lambda: self.call(OUTBOX, "refuseStatus", 0))
-
-    def outbox_hangs(self):
-        self.call(OUTBOX, "hangSeconds", HANG_SECONDS)
-        self.count("outbox hangs")
-        self.note("outbox holds entries for %d s" % HANG_SECONDS)
-        self.later(self.rng.uniform(1, 3), "outbox answers at once",
-                   lambda: self.call(OUTBOX, "hangSeconds", 0))
-
-    def framework_down(self):
-        self.call(SHELL, "frameworkStarted", 0)
-        self.count("framework down")
-        self.later(self.rng.uniform(1, 3), "framework up",
-                   lambda: self.call(SHELL, "frameworkStarted", 1))
 
     def sigterm(self):
         self.count("SIGTERM")
