@@ -110,10 +110,11 @@ class ProtocolTest(ServerTestCase):
     def test_a_rejected_sender_is_refused_with_499(self):
         self.mock("reject-sender", "bad.sender")
         body = json.dumps({"platform": "Tessel", "allowedSenders": ["good.sender", "bad.sender"],
-                           "appInfo": {"service.name": "com.example.chat"}}).encode()
+                           "appInfo": {"service.name": "com.example.chat"},
+                           "target": "Device"}).encode()
         status, _, data = self.request("POST", "/v1/registrations", body,
                                        signed_headers("POST", "/v1/registrations", body))
-        self.assertEqual((status, json.loads(data)["reason"]), (499, "InvalidSenderId"))
+        self.assertEqual((status, json.loads(data).get("reason")), (499, "InvalidSenderId"), data)
 
     def test_pages_carry_true_crcs_and_a_retry_keeps_its_message(self):
         raw = bytes(range(256))
