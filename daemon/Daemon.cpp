@@ -16,8 +16,7 @@
 
 #include "corvidutils.h"
 #include "daemon/BusEvents.h"
-#include "daemon/HandOver.h"
-#include "daemon/Task.h"
+#include "daemon/TaskQueue.h"
 #include "daemon/common/HbusHandleProvider.h"
 #include "daemon/common/Logging.h"
 #include "daemon/common/RootedPath.h"
@@ -30,7 +29,7 @@ namespace {
 constexpr char kMain[] = "Main";
 constexpr char kLockFile[] = "/var/run/nyx.pid";
 constexpr int kDaemonMonitorInterval = 60;
-constexpr guint64 kTaskWaitMicroseconds = 15000000;
+constexpr gint64 kTaskWaitMicroseconds = 15000000;
 
 void handleTermination(int) { terminationRequested.store(true); }
 
@@ -58,29 +57,18 @@ void handleTermination(int) { terminationRequested.store(true); }
 // to the system. Only glibc has malloc_trim; elsewhere the heap stays as is.
 void returnFreedMemoryWhenIdle() {
 #ifdef __GLIBC__
-  if (g_async_queue_length(taskQueue.get()) <= 0) {
+  if (taskQueue.empty()) {
     malloc_trim(0);
   }
 #endif
 }
 
-// Tasks still queued when the loop ends are not run; they are destroyed
-// here, closing what their handlers hold open (the registration cache).
-void discardQueuedTasks() {
-  while (Task* task = static_cast<Task*>(g_async_queue_try_pop(taskQueue.get()))) {
-    acquireFromChannel(taskQueue.get());
-    delete task;
-  }
-}
-
 void runWorkerLoop() {
   while (!terminationRequested.load()) {
-    std::shared_ptr<Task> task(
-        static_cast<Task*>(g_async_queue_timeout_pop(taskQueue.get(), kTaskWaitMicroseconds)));
+    std::unique_ptr<Task> task = taskQueue.pop(kTaskWaitMicroseconds);
     if (!task) {
       continue;
     }
-    acquireFromChannel(taskQueue.get());
     logInfo(kMain, "Processing task.");
     // A signal that came while the loop waited is forgotten once a task
     // arrives; one that comes while the task runs ends the loop after it
@@ -113,7 +101,6 @@ int runDaemon() {
   // One log line per write, also into a pipe or the journal.
   setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  taskQueue = std::shared_ptr<GAsyncQueue>(g_async_queue_new(), g_async_queue_unref);
   initializeLogger();
   // libcurl's global state must be set up before a second thread exists.
   curl_global_init(CURL_GLOBAL_DEFAULT);
@@ -141,7 +128,9 @@ int runDaemon() {
   // No callback may run from here on: it could queue a task after the queue
   // was emptied, or use what exit tears down.
   HbusHandleProvider::closeAll();
-  discardQueuedTasks();
+  // Tasks still queued are not run; destroying them closes what their
+  // handlers hold open (the registration cache).
+  taskQueue.clear();
   corvid_daemon_cleansingleton(lockFile.c_str(), lock);
   // A no-op with OpenSSL 3, which cleans up at exit; older device builds
   // need it.

@@ -36,7 +36,7 @@ HbusHandleStruct* HbusHandleProvider::getHandle(const std::string& serviceName) 
     }
     throw;
   }
-  if (status != 0) {
+  if (status != HBUS_STATUS_OK) {
     throw std::runtime_error("Hbus Initialization failure: " +
                              std::to_string(static_cast<unsigned int>(status)));
   }

@@ -20,4 +20,9 @@ class IPCMessageSender {
                    const std::string& value);
 };
 
+// True for the bus statuses of send that mean the receiver does not exist as
+// addressed (no such service, no such property), as opposed to one that
+// exists but did not answer: a message kept for another try cannot reach it.
+bool isUnroutable(int status);
+
 #endif  // NYX_DAEMON_COMMON_IPC_MESSAGE_SENDER_H

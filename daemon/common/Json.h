@@ -38,4 +38,38 @@ void parseUntrusted(Document& document, const std::string& text) {
   document.template Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
 }
 
+using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer>;
+
+// The member's value, or nullptr when it is absent or JSON null: servers
+// write null for an optional member they leave out, and both read alike.
+// object must be an object.
+inline const rapidjson::Value* jsonMember(const rapidjson::Value& object, const char* name) {
+  auto found = object.FindMember(name);
+  if (found == object.MemberEnd() || found->value.IsNull()) {
+    return nullptr;
+  }
+  return &found->value;
+}
+
+// A string value's text, with any NUL bytes it holds. value must be a string.
+inline std::string jsonString(const rapidjson::Value& value) {
+  return std::string(value.GetString(), value.GetStringLength());
+}
+
+// Writes text as a string value, with any NUL bytes it holds.
+inline void writeJsonString(JsonWriter& writer, const std::string& text) {
+  writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+}
+
+// Writes the member name with the string value text.
+inline void writeJsonMember(JsonWriter& writer, const std::string& name, const std::string& text) {
+  writer.Key(name.data(), static_cast<rapidjson::SizeType>(name.size()));
+  writeJsonString(writer, text);
+}
+
+// The text written into buffer.
+inline std::string jsonText(const rapidjson::StringBuffer& buffer) {
+  return std::string(buffer.GetString(), buffer.GetSize());
+}
+
 #endif  // NYX_DAEMON_COMMON_JSON_H
