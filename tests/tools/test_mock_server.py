@@ -119,7 +119,7 @@ class ProtocolTest(ServerTestCase):
     def test_pages_carry_true_crcs_and_a_retry_keeps_its_message(self):
         raw = bytes(range(256))
         self.mock("enqueue", "com.example.raw", base64.b64encode(raw).decode(), "--b64",
-                  "--id", "raw")
+                  "--directed", "cust-9", "--id", "raw")
         self.mock("enqueue", "com.example.weather", "forecast", "--count", "3", "--id", "w")
         first = json.loads(self.fetch()[2])
         next_page = urllib.parse.urlsplit(first["nextPage"])
@@ -130,7 +130,8 @@ class ProtocolTest(ServerTestCase):
         for message in offered:
             payload = base64.b64decode(message["payload"])
             self.assertEqual(message["crc"], zlib.crc32(message["topic"].encode() + payload))
-        self.assertEqual(base64.b64decode(offered[0]["payload"]), raw)
+        self.assertEqual((base64.b64decode(offered[0]["payload"]), offered[0]["directedCustomerId"],
+                          offered[1].get("directedCustomerId")), (raw, "cust-9", None))
         for msg_id, status, retry in [("raw", 1, False), ("w-1", 103, False), ("w-2", 200, True)]:
             self.assertEqual(self.request("POST", "/admin/ack", ack_entry(msg_id, status, retry))[0],
                              200)

@@ -8,6 +8,7 @@ import base64
 import json
 import os
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -58,7 +59,7 @@ class SimulatorTest(unittest.TestCase):
         self.assertIn("GDBus.Error:" + error, caught.exception.message)
 
     def test_outbox_reads_entries_flags_loose_ones_and_refuses_on_request(self):
-        _, _, log = self.start("nyx-outbox-sim")
+        outbox, _, log = self.start("nyx-outbox-sim")
         cases = [("m-1", 1, False), ("m-2", 103, False), ("m-3", 200, True)]
         for case in cases:
             self.call(bus.OUTBOX, "SetString", "queueMessage", ack_entry(*case))
@@ -71,6 +72,8 @@ class SimulatorTest(unittest.TestCase):
         self.assertCallFails("hbus.Error.Status: 42", bus.OUTBOX, "SetString", "queueMessage",
                              ack_entry("m-5", 1, False))
         self.assertCallFails("hbus.Error.NoSuchProperty", bus.OUTBOX, "SetInt", "queueMessage", 1)
+        outbox.send_signal(signal.SIGTERM)
+        self.assertEqual(outbox.wait(5), 0)
 
     def test_receiver_logs_deliveries_with_their_decoded_payload(self):
         _, _, log = self.start("nyx-receiver-sim", "com.example.weather")
