@@ -122,3 +122,15 @@ def device_env(bus_address, root, **extra):
     env.update(DBUS_SESSION_BUS_ADDRESS=bus_address, NYX_ROOT=root, PYTHONDONTWRITEBYTECODE="1",
                **extra)
     return env
+
+
+def memory_kb(pid):
+    """{"rss", "private_dirty"}: a process's resident and private dirty
+    memory in KiB, all its mappings summed by the kernel."""
+    values = {}
+    with open("/proc/%d/smaps_rollup" % pid, encoding="ascii") as f:
+        for line in f:
+            fields = line.split()
+            if len(fields) == 3 and fields[2] == "kB":
+                values[fields[0]] = int(fields[1])
+    return {"rss": values["Rss:"], "private_dirty": values["Private_Dirty:"]}

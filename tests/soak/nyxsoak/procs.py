@@ -192,12 +192,3 @@ class Supervisor:
 def _allow_core_dumps():
     _, hard = resource.getrlimit(resource.RLIMIT_CORE)
     resource.setrlimit(resource.RLIMIT_CORE, (hard, hard))
-
-
-def rss_kb(pid):
-    """Resident set size of a process in KiB, from /proc."""
-    with open("/proc/%d/status" % pid, encoding="ascii") as f:
-        for line in f:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-    raise RuntimeError("no VmRSS for pid %d" % pid)

@@ -270,7 +270,7 @@ class Soak:
             self.note("storm skipped: the daemon did not become idle")
             return
         pid = self.sup.pid
-        before = procs.rss_kb(pid)
+        before = rig.memory_kb(pid)["rss"]
         context = GLib.MainContext.new()
         context.push_thread_default()
         try:
@@ -298,7 +298,7 @@ class Soak:
         if self.sup.pid != pid:
             self.note("storm: the daemon restarted during the storm; no memory check")
             return
-        after = procs.rss_kb(pid)
+        after = rig.memory_kb(pid)["rss"]
         self.storms.append((before, after, sent))
         self.note("storm: %d writes sent in %.2f s, %d answered (%d failed) in %.2f s, "
                   "drained=%s, rss %d -> %d KB" % (STORM, sent, len(answered),
