@@ -8,12 +8,14 @@ every end of the daemon. See docs/soak.md.
 import argparse
 import base64
 import calendar
+import contextlib
 import json
 import os
 import random
 import shlex
 import shutil
 import signal
+import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -549,11 +551,7 @@ class Soak:
         self.failures += problems
         messages = ledger.check_messages(self.enqueued, pending, acks, deliveries, self.outages)
 
-        db = os.path.join(self.root, "var/local/nyx_registration_cache.db")
-        integrity = self.sqlite(db, "PRAGMA integrity_check;")
-        rows = [tuple(line.split("|", 1)) for line in
-                self.sqlite(db, "SELECT registration_id, app_info FROM registration_ids;")
-                .splitlines() if line]
+        integrity, rows = read_cache(os.path.join(self.root, "var/local/nyx_registration_cache.db"))
         cache = ledger.check_cache(integrity, rows, registrations,
                                    ledger.registration_events(self.sup.lines))
         exits = ledger.check_exits(self.sup.exits)
@@ -578,15 +576,6 @@ class Soak:
             if record.get("problems"):
                 problems.append("the outbox got a malformed entry: %s" % record)
         return seen, problems
-
-    def sqlite(self, db, statement):
-        if not os.path.exists(db):
-            return "ok" if statement.startswith("PRAGMA") else ""
-        done = subprocess.run(["sqlite3", db, statement], capture_output=True, text=True,
-                              timeout=30)
-        if done.returncode != 0:
-            return "sqlite3 failed: " + done.stderr.strip()
-        return done.stdout.strip()
 
     def report(self, messages, cache, exits):
         out = []
@@ -643,6 +632,20 @@ class Soak:
         if getattr(self, "bus", None) is not None:
             self.bus.stop()
         self.actions.close()
+
+
+def read_cache(db):
+    """(integrity check's text, [(registration id, app info)]) of the
+    registration cache; no file is an empty, intact cache."""
+    if not os.path.exists(db):
+        return "ok", []
+    try:
+        with contextlib.closing(sqlite3.connect("file:%s?mode=ro" % db, uri=True)) as conn:
+            integrity = "\n".join(row[0] for row in conn.execute("PRAGMA integrity_check"))
+            return integrity, conn.execute(
+                "SELECT registration_id, app_info FROM registration_ids").fetchall()
+    except sqlite3.Error as error:
+        return "sqlite3 failed: %s" % error, []
 
 
 def read_jsonl(path):
