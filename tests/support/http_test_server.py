@@ -16,7 +16,6 @@ With --proxy it tunnels CONNECT and forwards absolute-form requests instead.
 
 import argparse
 import base64
-import hashlib
 import hmac
 import http.server
 import json
@@ -29,6 +28,9 @@ import sys
 import threading
 import time
 import urllib.parse
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "..", "..", "tools"))
+from nyxtools.wire import signature  # noqa: E402
 
 
 class State:
@@ -61,15 +63,13 @@ class State:
 
 
 def signature_state(secret, method, target, headers, body):
-    """Checks X-Device-Signature: hex HMAC-SHA256 over method, target, X-Device-Date,
-    X-Device-Customer and the hex SHA-256 of the body, joined by line feeds."""
+    """"valid", "invalid" or "missing": the request's X-Device-Signature."""
     values = {name.lower(): value for name, value in headers}
     given = values.get("x-device-signature")
     if given is None:
         return "missing"
-    canonical = "\n".join([method, target, values.get("x-device-date", ""),
-                           values.get("x-device-customer", ""), hashlib.sha256(body).hexdigest()])
-    expected = hmac.new(secret.encode(), canonical.encode(), hashlib.sha256).hexdigest()
+    expected = signature(secret, method, target, values.get("x-device-date", ""),
+                         values.get("x-device-customer"), body)
     return "valid" if hmac.compare_digest(expected, given) else "invalid"
 
 

@@ -19,14 +19,12 @@ import threading
 import time
 import traceback
 
-import gi
-
-gi.require_version("Gio", "2.0")
-gi.require_version("GLib", "2.0")
-from gi.repository import Gio, GLib  # noqa: E402
-
-OBJECT_PATH = "/hbus"
-INTERFACE = "hbus.Properties"
+# The simulators run from the source tree; the rig they share with the other
+# tools is one folder up.
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.realpath(__file__))))
+from nyxtools import bus, rig  # noqa: E402
+from nyxtools.bus import INTERFACE, OBJECT_PATH  # noqa: E402
+from gi.repository import Gio, GLib  # noqa: E402  (versions asked for by nyxtools.bus)
 ERROR_NO_SUCH_PROPERTY = "hbus.Error.NoSuchProperty"
 ERROR_STATUS = "hbus.Error.Status"
 
@@ -252,12 +250,8 @@ def valid_service_name(text):
 def write_ready_file(path, name, conn):
     """Writes {"name", "unique_name", "pid"} atomically, so that a reader
     polling for the file never sees half of it."""
-    record = {"name": name, "unique_name": conn.get_unique_name(), "pid": os.getpid()}
-    tmp = f"{path}.tmp{os.getpid()}"
-    with open(tmp, "w", encoding="utf-8") as f:
-        json.dump(record, f)
-        f.write("\n")
-    os.replace(tmp, path)
+    rig.write_ready_file(path, {"name": name, "unique_name": conn.get_unique_name(),
+                                "pid": os.getpid()})
 
 
 # ---------------------------------------------------------------------------
@@ -446,10 +440,8 @@ def set_property(conn, service, prop, value, on_done):
 
         GLib.idle_add(report)
         return
-    if isinstance(value, int):
-        method, params = "SetInt", GLib.Variant("(si)", (prop, value))
-    else:
-        method, params = "SetString", GLib.Variant("(ss)", (prop, value))
+    method = "SetInt" if isinstance(value, int) else "SetString"
+    params = bus.parameters(method, prop, value)
 
     def finished(source, result):
         try:

@@ -1,11 +1,7 @@
-"""The processes of a soak run: a private bus, helper programs that report
-readiness through a file, and the supervisor that keeps nyxd running.
-
-Everything started here is stopped by its own pid; nothing is looked up by
-name.
+"""The supervisor that keeps nyxd running through a soak, and its memory
+reading. The rest of the rig (bus, root, helpers) comes from nyxtools.rig.
 """
 
-import json
 import os
 import resource
 import signal
@@ -13,63 +9,9 @@ import subprocess
 import threading
 import time
 
+from nyxtools import rig
+
 from . import ledger
-
-
-def wait_for(predicate, timeout, interval=0.05):
-    """Polls `predicate` until it is true or `timeout` seconds have passed."""
-    deadline = time.monotonic() + timeout
-    while True:
-        value = predicate()
-        if value or time.monotonic() >= deadline:
-            return value
-        time.sleep(interval)
-
-
-def stop_process(proc, timeout=5.0):
-    """SIGTERM, then SIGKILL after `timeout`; returns the exit status."""
-    if proc.poll() is None:
-        proc.send_signal(signal.SIGTERM)
-        try:
-            proc.wait(timeout)
-        except subprocess.TimeoutExpired:
-            proc.kill()
-            proc.wait()
-    return proc.returncode
-
-
-def read_ready_file(path, proc, timeout=30.0):
-    """The JSON object a helper writes atomically once it serves."""
-    def ready():
-        if proc.poll() is not None:
-            raise RuntimeError("%s ended with %s before it was ready" % (proc.args, proc.returncode))
-        try:
-            with open(path, encoding="utf-8") as f:
-                return json.load(f)
-        except (FileNotFoundError, ValueError):
-            return None
-
-    record = wait_for(ready, timeout)
-    if not record:
-        raise RuntimeError("%s wrote no ready file %s" % (proc.args, path))
-    return record
-
-
-class PrivateBus:
-    """A dbus-daemon of our own; its address goes into every child's environment."""
-
-    def __init__(self, tmpdir):
-        self.proc = subprocess.Popen(
-            ["dbus-daemon", "--session", "--nofork", "--print-address=1",
-             "--address=unix:tmpdir=" + tmpdir],
-            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
-        self.address = self.proc.stdout.readline().strip()
-        if not self.address.startswith("unix:"):
-            stop_process(self.proc)
-            raise RuntimeError("dbus-daemon printed no address")
-
-    def stop(self):
-        stop_process(self.proc)
 
 
 class Supervisor:
@@ -199,7 +141,7 @@ class Supervisor:
                     and time.monotonic() - self.last_line_at >= quiet)
 
     def wait_idle(self, timeout, quiet=1.5):
-        return wait_for(lambda: self.idle(quiet), timeout, 0.2)
+        return rig.wait_for(lambda: self.idle(quiet), timeout, 0.2)
 
     # --- the supervising thread -----------------------------------------
 
@@ -250,12 +192,3 @@ class Supervisor:
 def _allow_core_dumps():
     _, hard = resource.getrlimit(resource.RLIMIT_CORE)
     resource.setrlimit(resource.RLIMIT_CORE, (hard, hard))
-
-
-def rss_kb(pid):
-    """Resident set size of a process in KiB, from /proc."""
-    with open("/proc/%d/status" % pid, encoding="ascii") as f:
-        for line in f:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-    raise RuntimeError("no VmRSS for pid %d" % pid)

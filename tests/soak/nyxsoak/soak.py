@@ -8,31 +8,27 @@ every end of the daemon. See docs/soak.md.
 import argparse
 import base64
 import calendar
+import contextlib
 import json
 import os
 import random
 import shlex
 import shutil
 import signal
+import sqlite3
 import subprocess
 import sys
 import tempfile
 import threading
 import time
-import urllib.error
-import urllib.request
 
-import gi
+from nyxmock import client as mock
+from nyxtools import bus, rig
+from nyxtools.bus import DAEMON, OUTBOX, SHELL
+from gi.repository import Gio, GLib  # after nyxtools.bus, which asks for their versions
 
-gi.require_version("Gio", "2.0")
-gi.require_version("GLib", "2.0")
-from gi.repository import Gio, GLib  # noqa: E402
+from . import ledger, procs
 
-from . import ledger, procs  # noqa: E402
-
-DAEMON = "cobalt.device.messaging"
-SHELL = "com.corvid.shell"
-OUTBOX = "com.corvid.outbox"
 TOPICS = ["com.soak.r0", "com.soak.r1", "com.soak.r2"]
 NOBODY = "com.soak.nobody"          # a topic no service ever serves
 SENDERS = ["s.alpha", "s.beta", "s.gamma"]
@@ -43,9 +39,6 @@ HANG_SECONDS = 3                    # longer than that: a held write times out
 RSS_TOLERANCE = 0.10
 STORM = 1000
 FAULT_PATIENCE = 6.0                # seconds a scheduled server fault waits to fire
-
-BUS_FLAGS = (Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
-             | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION)
 
 
 class Failure(Exception):
@@ -109,11 +102,7 @@ class Soak:
         return os.path.join(self.work, *parts)
 
     def env(self, **extra):
-        env = dict(os.environ)
-        env.pop("HBUS_BUS", None)
-        env.update(DBUS_SESSION_BUS_ADDRESS=self.bus.address, NYX_ROOT=self.root,
-                   PYTHONDONTWRITEBYTECODE="1", **extra)
-        return env
+        return rig.device_env(self.bus.address, self.root, **extra)
 
     def tool(self, *parts):
         return os.path.join(self.source, "tools", *parts)
@@ -121,52 +110,29 @@ class Soak:
     def start_helper(self, argv, name, stdin=None):
         """Starts a tool that writes a ready file; returns (process, ready record)."""
         ready = self.path("%s.%d.ready" % (name, len(self.helpers)))
-        out = open(self.path(name + ".out"), "ab")
-        proc = subprocess.Popen(argv + ["--ready-file", ready], env=self.env(), stdin=stdin,
-                                stdout=out, stderr=subprocess.STDOUT)
-        out.close()
+        with open(self.path(name + ".out"), "ab") as out:
+            proc, record = rig.start_helper(argv, ready, self.env(), out, stdin)
         self.helpers.append(proc)
-        return proc, procs.read_ready_file(ready, proc)
+        return proc, record
 
-    def admin(self, method, path, body=None):
-        data = None if body is None else json.dumps(body).encode()
-        request = urllib.request.Request(self.server_url + path, data=data, method=method,
-                                         headers={"Content-Type": "application/json"})
-        try:
-            with urllib.request.urlopen(request, timeout=30) as answer:
-                return json.load(answer)
-        except urllib.error.HTTPError as error:
-            return {"error": error.code, "body": error.read().decode("utf-8", "replace")}
-
-    def call(self, service, method, prop, value, timeout_ms=3000):
+    def call(self, service, prop, value, timeout_ms=3000):
         """Writes a property from the soak's own anonymous connection; the bus
         status as the daemon's bus library would report it."""
-        signature = "(si)" if method == "SetInt" else "(ss)"
-        try:
-            self.conn.call_sync(service, "/hbus", "hbus.Properties", method,
-                                GLib.Variant(signature, (prop, value)), None,
-                                Gio.DBusCallFlags.NONE, timeout_ms, None)
-            return 0
-        except GLib.Error as error:
-            return error.message
+        return bus.write(self.conn, service, prop, value, timeout_ms)
 
     # --- set-up ----------------------------------------------------------
 
     def setup(self):
-        for sub in ("var/run", "var/local", "etc/nyx-host/tls"):
-            os.makedirs(os.path.join(self.root, sub), exist_ok=True)
-        for name, text in (("device-serial", "SOAK-0001"), ("device-secret", "soak-secret"),
-                           ("customer", "customer-soak")):
-            with open(os.path.join(self.root, "etc/nyx-host", name), "w") as f:
-                f.write(text + "\n")
-        self.bus = procs.PrivateBus(self.work)
-        self.conn = Gio.DBusConnection.new_for_address_sync(self.bus.address, BUS_FLAGS, None, None)
+        rig.make_device_root(self.root, "SOAK-0001", "soak-secret", "customer-soak")
+        self.bus = rig.PrivateBus(self.work)
+        self.conn = bus.connect(self.bus.address)
         py = sys.executable
         _, info = self.start_helper(
             [py, self.tool("mock-server", "nyx-mock-server"), "--root", self.root, "--port", "0",
              "--configure", "--quiet", "--page-size", "40"], "mock-server")
         self.server_url = info["url"]
-        self.admin("POST", "/admin/reject-sender", {"sender": REJECTED})
+        self.server = mock.Client(self.server_url, None, 30)
+        self.server.call("POST", "/admin/reject-sender", {"sender": REJECTED})
         self.start_helper([py, self.tool("simulators", "nyx-shell-sim")], "shell")
         self.start_helper([py, self.tool("simulators", "nyx-outbox-sim"), "--forward",
                            self.server_url, "--json", "--log", self.path("outbox.jsonl")], "outbox")
@@ -197,7 +163,7 @@ class Soak:
         if proc is None:
             return
         self.outages.down(topic, time.time())
-        procs.stop_process(proc)
+        rig.stop_process(proc)
         self.receivers[topic] = None
 
     def start_app(self):
@@ -233,10 +199,10 @@ class Soak:
             body["payload"] = "soak %d" % self.rng.randint(0, 10 ** 6)
         if self.rng.random() < 0.2:
             body["directedCustomerId"] = "customer-soak"
-        self._enqueued(self.admin("POST", "/admin/enqueue", body), topic)
+        self._enqueued(self.server.call("POST", "/admin/enqueue", body), topic)
 
     def enqueue_app(self):
-        active = [r for r in self.admin("GET", "/admin/registrations")["registrations"]
+        active = [r for r in self.server.call("GET", "/admin/registrations")["registrations"]
                   if not r["revoked"]]
         if not active:
             return self.enqueue_plain()
@@ -244,7 +210,11 @@ class Soak:
         body = {"registration_id": record["id"], "sender": self.rng.choice(record["senders"]),
                 "data": {"n": str(self.rng.randint(0, 999)), "from": "soak"},
                 "count": self.rng.randint(1, 3)}
-        self._enqueued(self.admin("POST", "/admin/enqueue", body), record["appInfo"]["service.name"])
+        try:
+            self._enqueued(self.server.call("POST", "/admin/enqueue", body),
+                           record["appInfo"]["service.name"])
+        except mock.Failure:
+            pass  # nyxd revoked the registration meanwhile
 
     def _enqueued(self, answer, target):
         now = time.time()
@@ -252,14 +222,13 @@ class Soak:
             self.enqueued[msg_id] = (target, now)
 
     def nudge(self):
-        self.call(DAEMON, "SetInt", "wanRing", 1)
+        self.call(DAEMON, "wanRing", 1)
 
     def other_event(self):
-        prop, method, value = self.rng.choice([
-            ("credentialsInstalled", "SetInt", 1), ("resuming", "SetInt", 1),
-            ("managementStateChanged", "SetInt", 0), ("managementStateChanged", "SetInt", 1),
-            ("interfaceChange", "SetString", "wlan0"), ("FrameworkStarted", "SetString", "1")])
-        self.call(DAEMON, method, prop, value)
+        prop, value = self.rng.choice([
+            ("credentialsInstalled", 1), ("resuming", 1), ("managementStateChanged", 0),
+            ("managementStateChanged", 1), ("interfaceChange", "wlan0"), ("FrameworkStarted", "1")])
+        self.call(DAEMON, prop, value)
 
     def app_register(self, app=None, senders=None):
         app = app or self.rng.choice(self.live_apps())
@@ -287,7 +256,7 @@ class Soak:
         app.command("quit")
         app.alive = False
         self.outages.down(app.unique, time.time())
-        procs.stop_process(app.proc)
+        rig.stop_process(app.proc)
         self.count("app vanished")
         self.app_register(self.start_app())
 
@@ -303,20 +272,20 @@ class Soak:
             self.note("storm skipped: the daemon did not become idle")
             return
         pid = self.sup.pid
-        before = procs.rss_kb(pid)
+        before = rig.memory_kb(pid)["rss"]
         context = GLib.MainContext.new()
         context.push_thread_default()
         try:
-            conn = Gio.DBusConnection.new_for_address_sync(self.bus.address, BUS_FLAGS, None, None)
+            conn = bus.connect(self.bus.address)
             answered = []
-            write = GLib.Variant("(si)", ("wanRing", 1))
+            write = bus.parameters("SetInt", "wanRing", 1)
 
             def done(c, r, _):
                 answered.append(self._finish(c, r))
 
             started = time.monotonic()
             for _ in range(STORM):
-                conn.call(DAEMON, "/hbus", "hbus.Properties", "SetInt", write, None,
+                conn.call(DAEMON, bus.OBJECT_PATH, bus.INTERFACE, "SetInt", write, None,
                           Gio.DBusCallFlags.NONE, 30000, None, done, None)
             conn.flush_sync(None)
             sent = time.monotonic() - started
@@ -331,7 +300,7 @@ class Soak:
         if self.sup.pid != pid:
             self.note("storm: the daemon restarted during the storm; no memory check")
             return
-        after = procs.rss_kb(pid)
+        after = rig.memory_kb(pid)["rss"]
         self.storms.append((before, after, sent))
         self.note("storm: %d writes sent in %.2f s, %d answered (%d failed) in %.2f s, "
                   "drained=%s, rss %d -> %d KB" % (STORM, sent, len(answered),
@@ -361,7 +330,7 @@ class Soak:
     def server_fault(self, name, body):
         """Schedules one server fault; only one waits at a time, so that the
         retry waits of several faults never add up."""
-        if self.admin("GET", "/admin/faults")["scheduled"]:
+        if self.server.call("GET", "/admin/faults")["scheduled"]:
             # A fault for a kind of request that has not come for a while
             # (an unregistration, say) gives way, so that every kind of
             # fault gets its turn in a short run.
@@ -370,18 +339,19 @@ class Soak:
             self.clear_faults()
         self.fault_since = time.monotonic()
         body.setdefault("only", self.rng.choice(["fetch", "fetch", "register", "unregister", "any"]))
-        answer = self.admin("POST", "/admin/fault", body)
-        if "error" in answer:
-            raise Failure("the mock server refused fault %s: %s" % (body, answer))
+        try:
+            self.server.call("POST", "/admin/fault", body)
+        except mock.Failure as refused:
+            raise Failure("the mock server refused fault %s: %s" % (body, refused))
         self.count(name)
         self.note("server fault %s: %s" % (name, json.dumps(body)))
         return True
 
     def clear_faults(self):
-        fired = self.admin("GET", "/admin/faults")["fired"]
+        fired = self.server.call("GET", "/admin/faults")["fired"]
         for kind, times in fired.items():
             self.fired[kind] = self.fired.get(kind, 0) + times
-        self.admin("POST", "/admin/clear-faults")
+        self.server.call("POST", "/admin/clear-faults")
 
     def fault_table(self):
         """name -> (weight, action). An action returns False to be tried later."""
@@ -418,12 +388,17 @@ class Soak:
             "4xx on registration": (1, lambda: self.server_fault(
                 "4xx on registration", {"kind": "status", "status": 400,
                                         "only": rng.choice(["register", "unregister"])})),
-            "receiver refuses": (3, self.receiver_refuses),
-            "receiver hangs": (2, self.receiver_hangs),
+            "receiver refuses": (3, lambda: self.service_fault(
+                "receiver refuses", None, "refuseStatus", rng.choice([1, 5, 42, 8]), 0, 5)),
+            "receiver hangs": (2, lambda: self.service_fault(
+                "receiver hangs", None, "hangSeconds", HANG_SECONDS, 0, 4)),
             "receiver vanishes": (2, self.receiver_vanishes),
-            "outbox refuses": (2, self.outbox_refuses),
-            "outbox hangs": (1, self.outbox_hangs),
-            "framework down": (1, self.framework_down),
+            "outbox refuses": (2, lambda: self.service_fault(
+                "outbox refuses", OUTBOX, "refuseStatus", rng.choice([1, 5]), 0, 4)),
+            "outbox hangs": (1, lambda: self.service_fault(
+                "outbox hangs", OUTBOX, "hangSeconds", HANG_SECONDS, 0, 3)),
+            "framework down": (1, lambda: self.service_fault(
+                "framework down", SHELL, "frameworkStarted", 0, 1, 3)),
             "app vanishes": (1, self.app_vanish),
             "registration churn": (1, self.app_churn),
             "SIGTERM": (1, self.sigterm),
@@ -431,33 +406,28 @@ class Soak:
             "SIGKILL during a cache write": (2, self.kill_during_registration),
         }
 
-    def receiver_refuses(self):
-        topic = self.rng.choice([t for t in TOPICS if self.receivers[t]] or [None])
-        if topic is None:
+    def service_fault(self, name, service, prop, value, normal, within):
+        """Sets a simulator's control property to `value` and back to `normal`
+        within `within` seconds. `service` None picks a receiver that is up;
+        returns False when there is none or the write failed. A refusal with
+        3 or 8 reads to the daemon as a missing service: an outage."""
+        if service is None:
+            service = self.rng.choice([t for t in TOPICS if self.receivers[t]] or [None])
+        if service is None or self.call(service, prop, value) != 0:
             return False
-        status = self.rng.choice([1, 5, 42, 8])
-        if self.call(topic, "SetInt", "refuseStatus", status) != 0:
-            return False
-        if status in (3, 8):
-            self.outages.down(topic, time.time())
-        self.count("receiver refuses")
-        self.note("%s refuses writes with %d" % (topic, status))
+        outage = prop == "refuseStatus" and value in (3, 8)
+        if outage:
+            self.outages.down(service, time.time())
+        self.count(name)
+        self.note("%s: %s = %s" % (service, prop, value))
 
         def revert():
-            if self.receivers.get(topic):
-                self.call(topic, "SetInt", "refuseStatus", 0)
-                if status in (3, 8):
-                    self.outages.up(topic, time.time())
-        self.later(self.rng.uniform(1, 5), "%s accepts" % topic, revert)
-
-    def receiver_hangs(self):
-        topic = self.rng.choice([t for t in TOPICS if self.receivers[t]] or [None])
-        if topic is None or self.call(topic, "SetInt", "hangSeconds", HANG_SECONDS) != 0:
-            return False
-        self.count("receiver hangs")
-        self.note("%s holds writes for %d s" % (topic, HANG_SECONDS))
-        self.later(self.rng.uniform(1, 4), "%s answers at once" % topic,
-                   lambda: self.receivers.get(topic) and self.call(topic, "SetInt", "hangSeconds", 0))
+            # A receiver off the bus now has nothing to undo.
+            if service not in self.receivers or self.receivers[service]:
+                self.call(service, prop, normal)
+                if outage:
+                    self.outages.up(service, time.time())
+        self.later(self.rng.uniform(1, within), "%s: %s = %s" % (service, prop, normal), revert)
 
     def receiver_vanishes(self):
         topic = self.rng.choice([t for t in TOPICS if self.receivers[t]] or [None])
@@ -468,26 +438,6 @@ class Soak:
         self.note("%s left the bus" % topic)
         self.later(self.rng.uniform(1, 6), "%s back on the bus" % topic,
                    lambda: self.start_receiver(topic))
-
-    def outbox_refuses(self):
-        self.call(OUTBOX, "SetInt", "refuseStatus", self.rng.choice([1, 5]))
-        self.count("outbox refuses")
-        self.note("outbox refuses entries")
-        self.later(self.rng.uniform(1, 4), "outbox accepts",
-                   lambda: self.call(OUTBOX, "SetInt", "refuseStatus", 0))
-
-    def outbox_hangs(self):
-        self.call(OUTBOX, "SetInt", "hangSeconds", HANG_SECONDS)
-        self.count("outbox hangs")
-        self.note("outbox holds entries for %d s" % HANG_SECONDS)
-        self.later(self.rng.uniform(1, 3), "outbox answers at once",
-                   lambda: self.call(OUTBOX, "SetInt", "hangSeconds", 0))
-
-    def framework_down(self):
-        self.call(SHELL, "SetInt", "frameworkStarted", 0)
-        self.count("framework down")
-        self.later(self.rng.uniform(1, 3), "framework up",
-                   lambda: self.call(SHELL, "SetInt", "frameworkStarted", 1))
 
     def sigterm(self):
         self.count("SIGTERM")
@@ -571,11 +521,11 @@ class Soak:
         for topic in TOPICS:
             if not self.receivers[topic]:
                 self.start_receiver(topic)
-            self.call(topic, "SetInt", "refuseStatus", 0)
-            self.call(topic, "SetInt", "hangSeconds", 0)
-        self.call(OUTBOX, "SetInt", "refuseStatus", 0)
-        self.call(OUTBOX, "SetInt", "hangSeconds", 0)
-        self.call(SHELL, "SetInt", "frameworkStarted", 1)
+            self.call(topic, "refuseStatus", 0)
+            self.call(topic, "hangSeconds", 0)
+        self.call(OUTBOX, "refuseStatus", 0)
+        self.call(OUTBOX, "hangSeconds", 0)
+        self.call(SHELL, "frameworkStarted", 1)
         self.sup.release()
         deadline = time.monotonic() + self.args.settle
         pending = None
@@ -585,27 +535,23 @@ class Soak:
             time.sleep(0.5)
             self.sup.wait_idle(max(1.0, deadline - time.monotonic()), quiet=1.0)
             time.sleep(0.5)    # the outbox forwards acknowledgements on its own thread
-            pending = len(self.admin("GET", "/admin/pending")["messages"])
+            pending = len(self.server.call("GET", "/admin/pending")["messages"])
             if pending == 0:
                 break
         self.note("settled with %s message(s) still pending" % pending)
 
     def check(self):
         self.sup.close()
-        acks = self.admin("GET", "/admin/acks")["acks"]
+        acks = self.server.call("GET", "/admin/acks")["acks"]
         for ack in acks:
             ack["time"] = calendar.timegm(time.strptime(ack["time"], "%Y-%m-%dT%H:%M:%SZ")) + 1.0
-        pending = {m["id"] for m in self.admin("GET", "/admin/pending")["messages"]}
-        registrations = self.admin("GET", "/admin/registrations")["registrations"]
+        pending = {m["id"] for m in self.server.call("GET", "/admin/pending")["messages"]}
+        registrations = self.server.call("GET", "/admin/registrations")["registrations"]
         deliveries, problems = self.deliveries()
         self.failures += problems
         messages = ledger.check_messages(self.enqueued, pending, acks, deliveries, self.outages)
 
-        db = os.path.join(self.root, "var/local/nyx_registration_cache.db")
-        integrity = self.sqlite(db, "PRAGMA integrity_check;")
-        rows = [tuple(line.split("|", 1)) for line in
-                self.sqlite(db, "SELECT registration_id, app_info FROM registration_ids;")
-                .splitlines() if line]
+        integrity, rows = read_cache(os.path.join(self.root, "var/local/nyx_registration_cache.db"))
         cache = ledger.check_cache(integrity, rows, registrations,
                                    ledger.registration_events(self.sup.lines))
         exits = ledger.check_exits(self.sup.exits)
@@ -630,15 +576,6 @@ class Soak:
             if record.get("problems"):
                 problems.append("the outbox got a malformed entry: %s" % record)
         return seen, problems
-
-    def sqlite(self, db, statement):
-        if not os.path.exists(db):
-            return "ok" if statement.startswith("PRAGMA") else ""
-        done = subprocess.run(["sqlite3", db, statement], capture_output=True, text=True,
-                              timeout=30)
-        if done.returncode != 0:
-            return "sqlite3 failed: " + done.stderr.strip()
-        return done.stdout.strip()
 
     def report(self, messages, cache, exits):
         out = []
@@ -689,12 +626,26 @@ class Soak:
         if self.sup is not None:
             self.sup.close()
         for proc in reversed(self.helpers):
-            procs.stop_process(proc)
+            rig.stop_process(proc)
         if self.conn is not None:
             self.conn.close_sync(None)
         if getattr(self, "bus", None) is not None:
             self.bus.stop()
         self.actions.close()
+
+
+def read_cache(db):
+    """(integrity check's text, [(registration id, app info)]) of the
+    registration cache; no file is an empty, intact cache."""
+    if not os.path.exists(db):
+        return "ok", []
+    try:
+        with contextlib.closing(sqlite3.connect("file:%s?mode=ro" % db, uri=True)) as conn:
+            integrity = "\n".join(row[0] for row in conn.execute("PRAGMA integrity_check"))
+            return integrity, conn.execute(
+                "SELECT registration_id, app_info FROM registration_ids").fetchall()
+    except sqlite3.Error as error:
+        return "sqlite3 failed: %s" % error, []
 
 
 def read_jsonl(path):

@@ -7,12 +7,13 @@ queue entry that acknowledges a message, and the dynconfig file format.
 
 import base64
 import binascii
-import hashlib
 import hmac
 import json
 import os
 import tempfile
 import zlib
+
+from nyxtools.wire import ACK_TOPIC, signature
 
 HEADER_SERIAL = "X-Device-Serial"
 HEADER_DATE = "X-Device-Date"
@@ -21,7 +22,6 @@ HEADER_SIGNATURE = "X-Device-Signature"
 
 APP_TOPIC = "cobalt.device.messaging.nyx"
 APP_TOPIC_PREFIX = "cobalt.device.messaging."
-ACK_TOPIC = "cobalt.messaging.response"
 FINAL_STATUSES = (1, 103)
 KNOWN_STATUSES = (1, 103, 200)
 
@@ -57,17 +57,6 @@ class ProtocolError(Exception):
 
 
 # --- Request signatures ---------------------------------------------------
-
-def canonical_text(method, target, date, customer, body):
-    """The five signed lines: method, target, date, customer, body digest."""
-    digest = hashlib.sha256(body).hexdigest()
-    return "\n".join([method, target, date, customer or "", digest])
-
-
-def sign(secret, method, target, date, customer, body):
-    text = canonical_text(method, target, date, customer, body)
-    return hmac.new(secret.encode(), text.encode(), hashlib.sha256).hexdigest()
-
 
 def origin_form(target):
     """The path-query of a request target.
@@ -113,7 +102,7 @@ def verify(root, method, target, headers, body):
     serial = read_first_line(os.path.join(host_dir, "device-serial"))
     if serial and headers.get(HEADER_SERIAL) != serial:
         return "serial %r is not the device's %r" % (headers.get(HEADER_SERIAL), serial)
-    expected = sign(secret, method, origin_form(target), headers.get(HEADER_DATE),
+    expected = signature(secret, method, origin_form(target), headers.get(HEADER_DATE),
                     headers.get(HEADER_CUSTOMER), body)
     if not hmac.compare_digest(expected, headers.get(HEADER_SIGNATURE).strip()):
         return "signature does not match"
@@ -195,16 +184,6 @@ def decode_ack(entry):
     if not isinstance(retry, bool):
         raise ProtocolError(400, "ack response \"retry\" must be true or false")
     return msg_id, status, retry
-
-
-def encode_ack(msg_id, status, retry):
-    """The outbound queue entry for an outcome, byte for byte as the daemon writes it."""
-    response = json.dumps({"response": {"id": msg_id, "status": status, "retry": retry}},
-                          separators=(",", ":"))
-    return json.dumps({"topic": ACK_TOPIC,
-                       "payload": base64.b64encode(response.encode()).decode(),
-                       "gunzip": False, "options": {"flushTime": 1}},
-                      separators=(",", ":"))
 
 
 # --- Files under the device root -----------------------------------------

@@ -28,6 +28,8 @@ import urllib.parse
 from http import HTTPStatus
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
+from nyxtools import rig
+
 from . import faults as faultlib
 from . import protocol
 from .protocol import ProtocolError
@@ -661,8 +663,7 @@ def main(argv=None):
                      "will be refused until it exists (or use --no-verify)" % secret)
         log.line("mock-server: listening on %s" % server.url)
         if args.ready_file:
-            protocol.write_atomically(args.ready_file, json.dumps(
-                {"url": server.url, "pid": os.getpid(), "ca": ca}) + "\n")
+            rig.write_ready_file(args.ready_file, {"url": server.url, "pid": os.getpid(), "ca": ca})
             ready_written = True
         try:
             server.serve_forever(poll_interval=0.2)
