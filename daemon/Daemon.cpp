@@ -30,7 +30,7 @@ namespace {
 constexpr char kMain[] = "Main";
 constexpr char kLockFile[] = "/var/run/nyx.pid";
 constexpr int kDaemonMonitorInterval = 60;
-constexpr guint64 kTaskWaitMicroseconds = 15000000;
+constexpr gint64 kTaskWaitMicroseconds = 15000000;
 
 void handleTermination(int) { terminationRequested.store(true); }
 
@@ -73,10 +73,23 @@ void discardQueuedTasks() {
   }
 }
 
+// Waits up to the task wait time for a task; nullptr when none came. A
+// signal can end GLib's wait early with nothing popped: the wait then goes
+// on for the rest of its time, so that a signal while idle is honoured only
+// if no task arrives within the wait.
+Task* popTask() {
+  const gint64 deadline = g_get_monotonic_time() + kTaskWaitMicroseconds;
+  for (gint64 now = g_get_monotonic_time(); now < deadline; now = g_get_monotonic_time()) {
+    if (void* task = g_async_queue_timeout_pop(taskQueue.get(), deadline - now)) {
+      return static_cast<Task*>(task);
+    }
+  }
+  return nullptr;
+}
+
 void runWorkerLoop() {
   while (!terminationRequested.load()) {
-    std::shared_ptr<Task> task(
-        static_cast<Task*>(g_async_queue_timeout_pop(taskQueue.get(), kTaskWaitMicroseconds)));
+    std::shared_ptr<Task> task(popTask());
     if (!task) {
       continue;
     }
