@@ -30,7 +30,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/Logging.h"
+#include "daemon/common/Logging.h"
 #include "http/HttpClient.h"
 #include "http/RequestSigner.h"
 #include "messaging/WispMessageFetcher.h"

@@ -1,22 +1,22 @@
 #include "daemon/BusEvents.h"
 
+#include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
+#include <string>
 
-#include "daemon/HandOver.h"
-#include "daemon/HbusHandleProvider.h"
-#include "daemon/Logging.h"
 #include "daemon/Task.h"
+#include "daemon/TaskQueue.h"
+#include "daemon/common/HbusHandleProvider.h"
+#include "daemon/common/Logging.h"
 #include "libauth.h"
 #include "messaging/WispPollReason.h"
 #include "messaging/WispPollRequestHandler.h"
 #include "registration/NYXRegistrationRequestHandler.h"
 #include "registration/NYXRegistrationValues.h"
-
-std::shared_ptr<GAsyncQueue> taskQueue;
-std::atomic<int32_t> pendingNudgeTasks{0};
 
 namespace {
 
@@ -24,6 +24,11 @@ constexpr char kMain[] = "Main";
 constexpr char kMissedNudge[] = "missedNUDGE";
 constexpr char kComCorvidShell[] = "com.corvid.shell";
 constexpr char kFrameworkStartedOfShell[] = "frameworkStarted";
+
+// The number of NudgeTask objects alive, queued or running. Changed and read
+// only with sequentially consistent atomics, because tasks are made on the
+// listener thread and destroyed on the main thread.
+std::atomic<int32_t> pendingNudgeTasks{0};
 
 // Polls the server for one trigger. Counts itself in pendingNudgeTasks for as
 // long as it lives, which is what the pending gate looks at.
@@ -70,17 +75,12 @@ class NYXUnregisterTask : public Task {
   std::shared_ptr<NYXRegistrationRequestHandler> registrationHandler_;
 };
 
-void pushTask(std::unique_ptr<Task> task) {
-  releaseToChannel(taskQueue.get());
-  g_async_queue_push(taskQueue.get(), task.release());
-}
-
 // The framework is up exactly when the shell's "frameworkStarted" reads 1.
 bool frameworkIsUp() {
   HbusHandleStruct* handle = HbusHandleProvider::getHandle(kCobaltDeviceMessaging);
   int value = 0;
   int status = HbusGetIntProperty(handle, kComCorvidShell, kFrameworkStartedOfShell, &value);
-  if (status != 0) {
+  if (status != HBUS_STATUS_OK) {
     logError(kMain, "HbusGetIntProperty failed, prop = %s, status = %d", kFrameworkStartedOfShell,
              status);
     return false;
@@ -122,20 +122,24 @@ bool hasSender(const std::string& sender, const char* request) {
   return true;
 }
 
-}  // namespace
-
+// Returns when status is 0, else throws std::runtime_error
+// "<label>: Hbus failure: <status as unsigned>".
 void checkHbusStatus(const std::string& label, int status) {
-  if (status != 0) {
+  if (status != HBUS_STATUS_OK) {
     throw std::runtime_error(
         label + ": Hbus failure: " + std::to_string(static_cast<unsigned int>(status)));
   }
 }
 
+// The active customer's identifier from the device authentication library,
+// or "" when nobody is signed in.
 std::string getActiveCustomerId() {
   std::unique_ptr<char, decltype(&free)> customer(libauth_getActiveCustomerID(), free);
   return customer ? std::string(customer.get()) : std::string();
 }
 
+// The write handlers of the event properties. Like the request handlers
+// they always return 0 and end the process on an exception.
 int handleNudgeEvent(HbusHandleStruct*, const char* name, int, void*) noexcept {
   return terminateOnException([&] {
     logInfo(kMain, "Received NUDGE event: %s.", name);
@@ -154,7 +158,7 @@ int handleNudgeEvent(HbusHandleStruct*, const char* name, int, void*) noexcept {
                          strcmp(name, "credentialsInstalled") == 0 ||
                          strcmp(name, "FrameworkStarted") == 0;
     const WispPollReason& reason = startup ? WispPollReason::NetworkStartup : WispPollReason::NUDGE;
-    pushTask(std::make_unique<NudgeTask>(
+    taskQueue.push(std::make_unique<NudgeTask>(
         reason, std::make_shared<WispPollRequestHandler>(getActiveCustomerId())));
     return 0;
   });
@@ -187,6 +191,8 @@ int handleFrameworkStarted(HbusHandleStruct* handle, const char* name, const cha
   });
 }
 
+}  // namespace
+
 int handleRegisterRequest(HbusHandleStruct*, const char*, const char* value, GHashTable* parameters,
                           void*) noexcept {
   return terminateOnException([&] {
@@ -195,7 +201,7 @@ int handleRegisterRequest(HbusHandleStruct*, const char*, const char* value, GHa
     if (!hasSender(sender, "registration")) {
       return 0;
     }
-    pushTask(std::make_unique<NYXRegisterTask>(
+    taskQueue.push(std::make_unique<NYXRegisterTask>(
         sender, value ? value : "",
         std::make_shared<NYXRegistrationRequestHandler>(getActiveCustomerId())));
     return 0;
@@ -211,7 +217,7 @@ int handleUnregisterRequest(HbusHandleStruct*, const char*, const char*, GHashTa
     if (!hasSender(sender, "unregistration")) {
       return 0;
     }
-    pushTask(std::make_unique<NYXUnregisterTask>(
+    taskQueue.push(std::make_unique<NYXUnregisterTask>(
         sender, std::make_shared<NYXRegistrationRequestHandler>(getActiveCustomerId())));
     return 0;
   });

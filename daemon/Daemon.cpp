@@ -16,12 +16,11 @@
 
 #include "corvidutils.h"
 #include "daemon/BusEvents.h"
-#include "daemon/HandOver.h"
-#include "daemon/HbusHandleProvider.h"
-#include "daemon/Logging.h"
-#include "daemon/RootedPath.h"
-#include "daemon/Task.h"
-#include "daemon/Termination.h"
+#include "daemon/TaskQueue.h"
+#include "daemon/common/HbusHandleProvider.h"
+#include "daemon/common/Logging.h"
+#include "daemon/common/RootedPath.h"
+#include "daemon/common/Termination.h"
 #include "daemon_monitor.h"
 #include "hbus.h"
 
@@ -58,42 +57,18 @@ void handleTermination(int) { terminationRequested.store(true); }
 // to the system. Only glibc has malloc_trim; elsewhere the heap stays as is.
 void returnFreedMemoryWhenIdle() {
 #ifdef __GLIBC__
-  if (g_async_queue_length(taskQueue.get()) <= 0) {
+  if (taskQueue.empty()) {
     malloc_trim(0);
   }
 #endif
 }
 
-// Tasks still queued when the loop ends are not run; they are destroyed
-// here, closing what their handlers hold open (the registration cache).
-void discardQueuedTasks() {
-  while (Task* task = static_cast<Task*>(g_async_queue_try_pop(taskQueue.get()))) {
-    acquireFromChannel(taskQueue.get());
-    delete task;
-  }
-}
-
-// Waits up to the task wait time for a task; nullptr when none came. A
-// signal can end GLib's wait early with nothing popped: the wait then goes
-// on for the rest of its time, so that a signal while idle is honoured only
-// if no task arrives within the wait.
-Task* popTask() {
-  const gint64 deadline = g_get_monotonic_time() + kTaskWaitMicroseconds;
-  for (gint64 now = g_get_monotonic_time(); now < deadline; now = g_get_monotonic_time()) {
-    if (void* task = g_async_queue_timeout_pop(taskQueue.get(), deadline - now)) {
-      return static_cast<Task*>(task);
-    }
-  }
-  return nullptr;
-}
-
 void runWorkerLoop() {
   while (!terminationRequested.load()) {
-    std::shared_ptr<Task> task(popTask());
+    std::unique_ptr<Task> task = taskQueue.pop(kTaskWaitMicroseconds);
     if (!task) {
       continue;
     }
-    acquireFromChannel(taskQueue.get());
     logInfo(kMain, "Processing task.");
     // A signal that came while the loop waited is forgotten once a task
     // arrives; one that comes while the task runs ends the loop after it
@@ -126,7 +101,6 @@ int runDaemon() {
   // One log line per write, also into a pipe or the journal.
   setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  taskQueue = std::shared_ptr<GAsyncQueue>(g_async_queue_new(), g_async_queue_unref);
   initializeLogger();
   // libcurl's global state must be set up before a second thread exists.
   curl_global_init(CURL_GLOBAL_DEFAULT);
@@ -154,7 +128,9 @@ int runDaemon() {
   // No callback may run from here on: it could queue a task after the queue
   // was emptied, or use what exit tears down.
   HbusHandleProvider::closeAll();
-  discardQueuedTasks();
+  // Tasks still queued are not run; destroying them closes what their
+  // handlers hold open (the registration cache).
+  taskQueue.clear();
   corvid_daemon_cleansingleton(lockFile.c_str(), lock);
   // A no-op with OpenSSL 3, which cleans up at exit; older device builds
   // need it.

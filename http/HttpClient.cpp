@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "daemon/Logging.h"
-#include "daemon/Termination.h"
+#include "daemon/common/Logging.h"
+#include "daemon/common/Termination.h"
 #include "http/HttpErrors.h"
 
 namespace {

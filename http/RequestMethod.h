@@ -3,7 +3,7 @@
 #ifndef NYX_HTTP_REQUEST_METHOD_H
 #define NYX_HTTP_REQUEST_METHOD_H
 
-#include "daemon/NamedStringEnum.h"
+#include "daemon/common/NamedStringEnum.h"
 
 class RequestMethod : public NamedStringEnum<RequestMethod> {
  public:

@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include "daemon/Json.h"
+#include "daemon/common/Json.h"
 
 struct NYXMessage::Record {
   std::string registrationId;
@@ -27,32 +27,24 @@ const std::string& lookup(const NYXMessage::StringMap& map, const std::string& k
 // The envelope comes from the network through the server; every member is
 // checked for its type before it is read, so a bad envelope is reported by
 // name instead of through the JSON library's assertion.
-const rapidjson::Value* optionalMember(const rapidjson::Value& object, const char* name) {
-  auto member = object.FindMember(name);
-  if (member == object.MemberEnd() || member->value.IsNull()) {
-    return nullptr;
-  }
-  return &member->value;
-}
-
 std::string requiredString(const rapidjson::Value& object, const char* name) {
-  const rapidjson::Value* value = optionalMember(object, name);
+  const rapidjson::Value* value = jsonMember(object, name);
   if (value == nullptr || !value->IsString()) {
     throw std::runtime_error(std::string("NYX envelope member is missing or not a string: ") +
                              name);
   }
-  return std::string(value->GetString(), value->GetStringLength());
+  return jsonString(*value);
 }
 
 std::string optionalString(const rapidjson::Value& object, const char* name) {
-  const rapidjson::Value* value = optionalMember(object, name);
+  const rapidjson::Value* value = jsonMember(object, name);
   if (value == nullptr) {
     return std::string();
   }
   if (!value->IsString()) {
     throw std::runtime_error(std::string("NYX envelope member is not a string: ") + name);
   }
-  return std::string(value->GetString(), value->GetStringLength());
+  return jsonString(*value);
 }
 
 // Calls store(name, value) for every member of the object member name, in
@@ -60,7 +52,7 @@ std::string optionalString(const rapidjson::Value& object, const char* name) {
 // string.
 template <typename Store>
 void forEachStringMember(const rapidjson::Value& object, const char* name, Store store) {
-  const rapidjson::Value* value = optionalMember(object, name);
+  const rapidjson::Value* value = jsonMember(object, name);
   if (value == nullptr) {
     return;
   }
@@ -73,8 +65,7 @@ void forEachStringMember(const rapidjson::Value& object, const char* name, Store
                                            "string: ") +
                                name);
     }
-    store(std::string(member.name.GetString(), member.name.GetStringLength()),
-          std::string(member.value.GetString(), member.value.GetStringLength()));
+    store(jsonString(member.name), jsonString(member.value));
   }
 }
 

@@ -2,8 +2,9 @@
 
 #include <string>
 
-#include "daemon/Json.h"
-#include "daemon/Logging.h"
+#include "daemon/common/Json.h"
+#include "daemon/common/Logging.h"
+#include "hbus.h"
 #include "messaging/Base64.h"
 #include "messaging/NYXMessage.h"
 
@@ -13,31 +14,19 @@ constexpr char kTag[] = "WispMessageDispatcher";
 constexpr char kWispMessageProperty[] = "wisp_message";
 constexpr char kNyxMessageProperty[] = "nyx_message";
 
-// The two bus statuses that mean the receiver does not exist as addressed;
-// every other failure may pass, so the message is kept for another try.
-bool isUnroutable(int status) { return status == 3 || status == 8; }
-
-using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer>;
-
-void writeString(JsonWriter& writer, const std::string& text) {
-  writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-}
-
 std::string deliveryEnvelope(const WispMessage& message, const std::string& content) {
   rapidjson::StringBuffer buffer;
   JsonWriter writer(buffer);
   writer.StartObject();
-  writer.Key("id");
-  writeString(writer, message.getId());
+  writeJsonMember(writer, "id", message.getId());
   if (!message.getDirectedCustomerId().empty()) {
-    writer.Key("directedId");
-    writeString(writer, message.getDirectedCustomerId());
+    writeJsonMember(writer, "directedId", message.getDirectedCustomerId());
   }
-  writer.Key("payload");
-  writeString(writer,
-              encodeBase64(reinterpret_cast<const unsigned char*>(content.data()), content.size()));
+  writeJsonMember(
+      writer, "payload",
+      encodeBase64(reinterpret_cast<const unsigned char*>(content.data()), content.size()));
   writer.EndObject();
-  return std::string(buffer.GetString(), buffer.GetSize());
+  return jsonText(buffer);
 }
 
 // Only the data map reaches the application; registration id and the app
@@ -47,11 +36,10 @@ std::string dataJson(const NYXMessage& message) {
   JsonWriter writer(buffer);
   writer.StartObject();
   for (const auto& entry : message.getDataMap()) {
-    writer.Key(entry.first.data(), static_cast<rapidjson::SizeType>(entry.first.size()));
-    writeString(writer, entry.second);
+    writeJsonMember(writer, entry.first, entry.second);
   }
   writer.EndObject();
-  return std::string(buffer.GetString(), buffer.GetSize());
+  return jsonText(buffer);
 }
 
 }  // namespace
@@ -71,7 +59,7 @@ WispDispatchStatus WispMessageDispatcher::Impl::dispatchNyx(const WispMessage& m
           service.c_str(), static_cast<int>(message.getPayload().size()));
   const int status =
       sender->send(service, kNyxMessageProperty, deliveryEnvelope(message, dataJson(nyxMessage)));
-  if (status == 0) {
+  if (status == HBUS_STATUS_OK) {
     logInfo(kTag, "Dispatched NYX message. ID: %s Service: %s", id, service.c_str());
     return WispDispatchStatus::Dispatched;
   }
@@ -93,7 +81,7 @@ WispDispatchStatus WispMessageDispatcher::Impl::dispatchRaw(const WispMessage& m
   // refused there as an unknown service.
   const int status =
       sender->send(topic, kWispMessageProperty, deliveryEnvelope(message, message.getPayload()));
-  if (status == 0) {
+  if (status == HBUS_STATUS_OK) {
     logInfo(kTag, "Dispatched WISP message. ID: %s Topic: %s", id, topic.c_str());
     return WispDispatchStatus::Dispatched;
   }

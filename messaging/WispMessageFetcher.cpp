@@ -3,8 +3,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "daemon/Json.h"
-#include "daemon/Logging.h"
+#include "daemon/common/Json.h"
+#include "daemon/common/Logging.h"
 #include "messaging/Base64.h"
 #include "messaging/MessageCrc.h"
 #include "messaging/WispFetchRequestBuilder.h"
@@ -20,29 +20,15 @@ class MalformedMessage : public std::runtime_error {
   explicit MalformedMessage(const std::string& what) : std::runtime_error(what) {}
 };
 
-// The member's value, or null when it is absent or JSON null (the server
-// writes null for an absent optional member).
-const rapidjson::Value* member(const rapidjson::Value& object, const char* name) {
-  auto found = object.FindMember(name);
-  if (found == object.MemberEnd() || found->value.IsNull()) {
-    return nullptr;
-  }
-  return &found->value;
-}
-
-std::string toString(const rapidjson::Value& value) {
-  return std::string(value.GetString(), value.GetStringLength());
-}
-
 std::string requiredString(const rapidjson::Value& object, const char* name) {
-  const rapidjson::Value* value = member(object, name);
+  const rapidjson::Value* value = jsonMember(object, name);
   if (value == nullptr) {
     throw MalformedMessage(std::string("missing \"") + name + "\"");
   }
   if (!value->IsString()) {
     throw MalformedMessage(std::string("\"") + name + "\" is not a string");
   }
-  return toString(*value);
+  return jsonString(*value);
 }
 
 // An undecodable payload is taken as empty rather than dropped here: its CRC
@@ -65,22 +51,22 @@ uint32_t readMessage(const rapidjson::Value& element, WispMessage& message) {
   if (!element.IsObject()) {
     throw MalformedMessage("element is not an object");
   }
-  const rapidjson::Value* body = member(element, "message");
+  const rapidjson::Value* body = jsonMember(element, "message");
   if (body == nullptr || !body->IsObject()) {
     throw MalformedMessage("\"message\" is missing or not an object");
   }
   message.setId(requiredString(*body, "id"));
   message.setTopic(requiredString(*body, "topic"));
   message.setPayload(decodePayload(requiredString(*body, "payload")));
-  if (const rapidjson::Value* directed = member(*body, "directedCustomerId")) {
+  if (const rapidjson::Value* directed = jsonMember(*body, "directedCustomerId")) {
     // A garbled customer id must not turn a directed message into one for
     // every customer.
     if (!directed->IsString()) {
       throw MalformedMessage("\"directedCustomerId\" is not a string");
     }
-    message.setDirectedCustomerId(toString(*directed));
+    message.setDirectedCustomerId(jsonString(*directed));
   }
-  const rapidjson::Value* crc = member(*body, "crc");
+  const rapidjson::Value* crc = jsonMember(*body, "crc");
   if (crc == nullptr || !crc->IsUint()) {
     throw MalformedMessage("\"crc\" is missing or not an unsigned 32-bit number");
   }
@@ -107,9 +93,9 @@ void WispMessageFetcher::Impl::readPage(const rapidjson::Value& page, bool& foun
                                         std::list<WispMessage>& messages) {
   // Only a string is followed as the next page: anything else would send the
   // next request to a URL the server never gave.
-  const rapidjson::Value* nextPage = member(page, "nextPage");
+  const rapidjson::Value* nextPage = jsonMember(page, "nextPage");
   if (nextPage != nullptr && nextPage->IsString()) {
-    requestBuilder.setNextPage(toString(*nextPage));
+    requestBuilder.setNextPage(jsonString(*nextPage));
   } else {
     if (nextPage != nullptr) {
       logError(kTag, "Ignored \"nextPage\" that is not a string.");
@@ -117,7 +103,7 @@ void WispMessageFetcher::Impl::readPage(const rapidjson::Value& page, bool& foun
     hasMore = false;
   }
 
-  const rapidjson::Value* list = member(page, "messages");
+  const rapidjson::Value* list = jsonMember(page, "messages");
   if (list == nullptr) {
     return;
   }

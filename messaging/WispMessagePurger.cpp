@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "daemon/Json.h"
-#include "daemon/Logging.h"
+#include "daemon/common/Json.h"
+#include "daemon/common/Logging.h"
 #include "messaging/Base64.h"
 #include "messaging/WispPurgeMessageRequest.h"
 
@@ -13,14 +13,12 @@ constexpr char kTag[] = "WispMessagePurger";
 
 std::string queueEntry(const std::string& response) {
   rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  JsonWriter writer(buffer);
   writer.StartObject();
-  writer.Key("topic");
-  writer.String("cobalt.messaging.response");
-  writer.Key("payload");
-  const std::string payload =
-      encodeBase64(reinterpret_cast<const unsigned char*>(response.data()), response.size());
-  writer.String(payload.data(), static_cast<rapidjson::SizeType>(payload.size()));
+  writeJsonMember(writer, "topic", "cobalt.messaging.response");
+  writeJsonMember(
+      writer, "payload",
+      encodeBase64(reinterpret_cast<const unsigned char*>(response.data()), response.size()));
   writer.Key("gunzip");
   writer.Bool(false);
   writer.Key("options");
@@ -29,7 +27,7 @@ std::string queueEntry(const std::string& response) {
   writer.Int(1);
   writer.EndObject();
   writer.EndObject();
-  return std::string(buffer.GetString(), buffer.GetSize());
+  return jsonText(buffer);
 }
 
 }  // namespace

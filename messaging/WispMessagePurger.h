@@ -8,7 +8,7 @@
 
 #include <memory>
 
-#include "daemon/IPCMessageSender.h"
+#include "daemon/common/IPCMessageSender.h"
 #include "messaging/WispDispatchStatus.h"
 #include "messaging/WispMessage.h"
 

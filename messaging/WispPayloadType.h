@@ -4,7 +4,7 @@
 #ifndef NYX_MESSAGING_WISP_PAYLOAD_TYPE_H
 #define NYX_MESSAGING_WISP_PAYLOAD_TYPE_H
 
-#include "daemon/NamedStringEnum.h"
+#include "daemon/common/NamedStringEnum.h"
 
 class WispPayloadType : public NamedStringEnum<WispPayloadType> {
  public:

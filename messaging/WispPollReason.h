@@ -3,7 +3,7 @@
 #ifndef NYX_MESSAGING_WISP_POLL_REASON_H
 #define NYX_MESSAGING_WISP_POLL_REASON_H
 
-#include "daemon/NamedStringEnum.h"
+#include "daemon/common/NamedStringEnum.h"
 
 class WispPollReason : public NamedStringEnum<WispPollReason> {
  public:

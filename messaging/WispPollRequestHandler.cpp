@@ -2,8 +2,8 @@
 
 #include <list>
 
-#include "daemon/Logging.h"
-#include "daemon/Termination.h"
+#include "daemon/common/Logging.h"
+#include "daemon/common/Termination.h"
 #include "http/HttpErrors.h"
 #include "http/TesselCurlHttpClient.h"
 #include "http/TesselRequestSigner.h"

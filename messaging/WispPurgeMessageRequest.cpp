@@ -1,6 +1,6 @@
 #include "messaging/WispPurgeMessageRequest.h"
 
-#include "daemon/Json.h"
+#include "daemon/common/Json.h"
 
 WispPurgeMessageRequest::WispPurgeMessageRequest(const WispMessage& message) : message_(message) {}
 
@@ -8,7 +8,7 @@ WispPurgeMessageRequest::~WispPurgeMessageRequest() = default;
 
 std::string WispPurgeMessageRequest::toJson(const WispDispatchStatus& status) const {
   rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  JsonWriter writer(buffer);
   writer.StartObject();
   writer.Key("response");
   writer.StartObject();
@@ -22,5 +22,5 @@ std::string WispPurgeMessageRequest::toJson(const WispDispatchStatus& status) co
   writer.Bool(status.retry());
   writer.EndObject();
   writer.EndObject();
-  return std::string(buffer.GetString(), buffer.GetSize());
+  return jsonText(buffer);
 }

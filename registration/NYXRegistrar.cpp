@@ -3,8 +3,8 @@
 #include <boost/algorithm/string/trim.hpp>
 #include <locale>
 
-#include "daemon/Json.h"
-#include "daemon/Logging.h"
+#include "daemon/common/Json.h"
+#include "daemon/common/Logging.h"
 #include "http/HttpErrors.h"
 #include "registration/NYXRegistrationError.h"
 #include "registration/NYXRegistrationRequestBuilder.h"
@@ -44,17 +44,17 @@ std::string readRegistrationId(const WebResponse& response) {
   if (!document.IsObject()) {
     throw IOError("Registration response is not a JSON object");
   }
-  auto member = document.FindMember("registrationID");
-  if (member == document.MemberEnd()) {
+  const rapidjson::Value* id = jsonMember(document, "registrationID");
+  if (id == nullptr) {
     throw IOError("Registration response has no registrationID");
   }
-  if (!member->value.IsString()) {
+  if (!id->IsString()) {
     throw IOError("Registration response has a registrationID that is not a string");
   }
-  if (member->value.GetStringLength() == 0) {
+  if (id->GetStringLength() == 0) {
     throw IOError("Registration response has an empty registrationID");
   }
-  return std::string(member->value.GetString(), member->value.GetStringLength());
+  return jsonString(*id);
 }
 
 // Throws the InvalidSender error when a 499 answer says the server rejected
@@ -69,17 +69,15 @@ void raiseIfSenderRejected(const ClientError& error) {
   if (document.HasParseError() || !document.IsObject()) {
     return;
   }
-  auto reason = document.FindMember("reason");
-  if (reason == document.MemberEnd() || !reason->value.IsString() ||
-      std::string(reason->value.GetString(), reason->value.GetStringLength()) !=
-          "InvalidSenderId") {
+  const rapidjson::Value* reason = jsonMember(document, "reason");
+  if (reason == nullptr || !reason->IsString() || jsonString(*reason) != "InvalidSenderId") {
     return;
   }
   // A rejection without a readable message is still a rejected sender.
   std::string message;
-  auto messageMember = document.FindMember("message");
-  if (messageMember != document.MemberEnd() && messageMember->value.IsString()) {
-    message.assign(messageMember->value.GetString(), messageMember->value.GetStringLength());
+  const rapidjson::Value* text = jsonMember(document, "message");
+  if (text != nullptr && text->IsString()) {
+    message = jsonString(*text);
   }
   throw NYXRegistrationError(NYXRegistrationErrorCode::InvalidSender, message);
 }

@@ -2,16 +2,15 @@
 
 #include <stdexcept>
 
-#include "daemon/Json.h"
-#include "registration/DeviceMessagingRequest.h"
+#include "daemon/common/Json.h"
+#include "http/ServerRequest.h"
 
 namespace {
 
-void writeObject(rapidjson::Writer<rapidjson::StringBuffer>& writer, const AppInfoMap& info) {
+void writeObject(JsonWriter& writer, const AppInfoMap& info) {
   writer.StartObject();
   for (const auto& entry : info) {
-    writer.Key(entry.first.c_str(), static_cast<rapidjson::SizeType>(entry.first.size()));
-    writer.String(entry.second.c_str(), static_cast<rapidjson::SizeType>(entry.second.size()));
+    writeJsonMember(writer, entry.first, entry.second);
   }
   writer.EndObject();
 }
@@ -62,18 +61,18 @@ WebRequest NYXRegistrationRequestBuilder::build(const NYXRegistrationReason& rea
     throw std::runtime_error("AppInfo must not be empty");
   }
 
-  WebRequest request = newDeviceMessagingRequest("url.devicemessaging.registration", reason);
+  WebRequest request = newServerRequest(configuredServerUrl("url.devicemessaging.registration"),
+                                        RequestMethod::POST, reason.name());
+  request.setHeader("content-type", "application/json");
 
   rapidjson::StringBuffer body;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(body);
+  JsonWriter writer(body);
   writer.StartObject();
-  writer.Key("platform");
-  writer.String(record_->platformName.c_str(),
-                static_cast<rapidjson::SizeType>(record_->platformName.size()));
+  writeJsonMember(writer, "platform", record_->platformName);
   writer.Key("allowedSenders");
   writer.StartArray();
   for (const auto& sender : record_->senders) {
-    writer.String(sender.c_str(), static_cast<rapidjson::SizeType>(sender.size()));
+    writeJsonString(writer, sender);
   }
   writer.EndArray();
   writer.Key("appInfo");
@@ -82,9 +81,7 @@ WebRequest NYXRegistrationRequestBuilder::build(const NYXRegistrationReason& rea
     writer.Key("appInstanceInfo");
     writeObject(writer, record_->appInstanceInfo);
   }
-  writer.Key("target");
-  writer.String(record_->scope.name().c_str(),
-                static_cast<rapidjson::SizeType>(record_->scope.name().size()));
+  writeJsonMember(writer, "target", record_->scope.name());
   writer.EndObject();
   request.setBody(body.GetString(), body.GetSize());
 

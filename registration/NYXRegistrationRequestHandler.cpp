@@ -4,9 +4,9 @@
 #include <boost/algorithm/string/split.hpp>
 #include <functional>
 
-#include "daemon/IPCMessageSender.h"
-#include "daemon/Logging.h"
-#include "daemon/RootedPath.h"
+#include "daemon/common/IPCMessageSender.h"
+#include "daemon/common/Logging.h"
+#include "daemon/common/RootedPath.h"
 #include "http/TesselCurlHttpClient.h"
 #include "http/TesselRequestSigner.h"
 #include "registration/NYXRegistrationCache.h"

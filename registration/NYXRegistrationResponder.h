@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "daemon/IPCMessageSender.h"
+#include "daemon/common/IPCMessageSender.h"
 #include "registration/NYXRegistrationError.h"
 #include "registration/NYXRegistrationValues.h"
 

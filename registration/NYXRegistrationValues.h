@@ -3,7 +3,7 @@
 #ifndef NYX_REGISTRATION_NYX_REGISTRATION_VALUES_H
 #define NYX_REGISTRATION_NYX_REGISTRATION_VALUES_H
 
-#include "daemon/NamedStringEnum.h"
+#include "daemon/common/NamedStringEnum.h"
 
 // Why a registration or unregistration was asked for; sent to the server in
 // the "x-zvo-reason" header. Both reasons are treated alike.

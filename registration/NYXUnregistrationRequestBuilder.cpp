@@ -2,8 +2,8 @@
 
 #include <stdexcept>
 
-#include "daemon/Json.h"
-#include "registration/DeviceMessagingRequest.h"
+#include "daemon/common/Json.h"
+#include "http/ServerRequest.h"
 
 struct NYXUnregistrationRequestBuilder::Record {
   std::string registrationId;
@@ -24,13 +24,14 @@ WebRequest NYXUnregistrationRequestBuilder::build(const NYXRegistrationReason& r
     throw std::runtime_error("RegistrationId must be provided");
   }
 
-  WebRequest request = newDeviceMessagingRequest("url.devicemessaging.unregistration", reason);
+  WebRequest request = newServerRequest(configuredServerUrl("url.devicemessaging.unregistration"),
+                                        RequestMethod::POST, reason.name());
+  request.setHeader("content-type", "application/json");
 
   rapidjson::StringBuffer body;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(body);
+  JsonWriter writer(body);
   writer.StartObject();
-  writer.Key("registrationId");
-  writer.String(registrationId.c_str(), static_cast<rapidjson::SizeType>(registrationId.size()));
+  writeJsonMember(writer, "registrationId", registrationId);
   writer.EndObject();
   request.setBody(body.GetString(), body.GetSize());
 

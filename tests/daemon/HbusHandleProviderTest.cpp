@@ -1,7 +1,7 @@
 // The process-wide bus handle table on a private bus; the table is never
 // emptied, so this binary is its own. Also the registration request
 // callbacks, which look at nothing but their parameters.
-#include "daemon/HbusHandleProvider.h"
+#include "daemon/common/HbusHandleProvider.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,8 +13,8 @@
 #include <utility>
 
 #include "daemon/BusEvents.h"
-#include "daemon/IPCMessageSender.h"
-#include "daemon/Task.h"
+#include "daemon/TaskQueue.h"
+#include "daemon/common/IPCMessageSender.h"
 #include "hbus.h"
 #include "tests/support/TestSupport.h"
 
@@ -52,7 +52,7 @@ TEST(IPCMessageSenderTest, SendToMissingServiceReturnsNoSuchServiceWithoutLoggin
 // A request names its writer in "sender"; without one there is nobody to
 // register or answer, and nothing is queued.
 TEST(BusEventsTest, RegistrationRequestWithoutASenderIsLoggedAndDropped) {
-  taskQueue = std::shared_ptr<GAsyncQueue>(g_async_queue_new(), g_async_queue_unref);
+  taskQueue.clear();
   using Callback = int (*)(HbusHandleStruct*, const char*, const char*, GHashTable*, void*);
   const std::pair<Callback, std::string> requests[] = {
       {handleRegisterRequest, "WARN Main: Ignoring NYX registration request without a sender."},
@@ -74,7 +74,7 @@ TEST(BusEventsTest, RegistrationRequestWithoutASenderIsLoggedAndDropped) {
       EXPECT_EQ(
           callback(nullptr, "nyx_register", "s1", hasTable ? parameters.get() : nullptr, nullptr),
           0);
-      std::unique_ptr<Task> task(static_cast<Task*>(g_async_queue_try_pop(taskQueue.get())));
+      std::unique_ptr<Task> task = taskQueue.tryPop();
       EXPECT_EQ(task != nullptr, queued);
       EXPECT_EQ(log.count(dropped), queued ? 0u : 1u);
     }

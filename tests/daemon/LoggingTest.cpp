@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "daemon/Logging.h"
-#include "daemon/NamedStringEnum.h"
+#include "daemon/common/Logging.h"
+#include "daemon/common/NamedStringEnum.h"
 #include "tests/support/TestSupport.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/Json.h"
+#include "daemon/common/Json.h"
 #include "tests/support/TestSupport.h"
 
 namespace nyxtest {

@@ -12,8 +12,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "daemon/IPCMessageSender.h"
-#include "daemon/Logging.h"
+#include "daemon/common/IPCMessageSender.h"
+#include "daemon/common/Logging.h"
 #include "http/HttpClient.h"
 #include "http/RequestSigner.h"
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/Termination.h"
+#include "daemon/common/Termination.h"
 #include "http/HttpErrors.h"
 #include "http/TesselCurlHttpClient.h"
 #include "http/TesselRequestSigner.h"

@@ -15,8 +15,8 @@
 #include <utility>
 #include <vector>
 
-#include "daemon/Json.h"
-#include "daemon/Termination.h"
+#include "daemon/common/Json.h"
+#include "daemon/common/Termination.h"
 #include "hbus.h"
 #include "http/HttpErrors.h"
 #include "messaging/Base64.h"

@@ -20,7 +20,7 @@
 #include <tuple>
 #include <vector>
 
-#include "daemon/IPCMessageSender.h"
+#include "daemon/common/IPCMessageSender.h"
 #include "hbus.h"
 #include "http/HttpClient.h"
 #include "http/HttpErrors.h"

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "daemon/Json.h"
+#include "daemon/common/Json.h"
 
 namespace nyxtest {
 
@@ -152,7 +152,7 @@ std::vector<RecordedRequest> LocalHttpServer::requests() const {
   rapidjson::Document record;
   record.Parse(readFile(dir_.path() + "/record.json"));
   std::vector<RecordedRequest> requests;
-  // A malformed record throws JsonError (see daemon/Json.h).
+  // A malformed record throws JsonError (see daemon/common/Json.h).
   for (const auto& entry : record.GetArray()) {
     RecordedRequest request;
     request.method = entry["method"].GetString();

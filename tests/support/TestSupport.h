@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "daemon/Logging.h"
+#include "daemon/common/Logging.h"
 
 namespace nyxtest {
 

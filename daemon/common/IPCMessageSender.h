@@ -3,8 +3,8 @@
 //
 // Used on the worker thread by the registration responder, the message
 // dispatcher and the purger, which share one sender per handler.
-#ifndef NYX_DAEMON_IPC_MESSAGE_SENDER_H
-#define NYX_DAEMON_IPC_MESSAGE_SENDER_H
+#ifndef NYX_DAEMON_COMMON_IPC_MESSAGE_SENDER_H
+#define NYX_DAEMON_COMMON_IPC_MESSAGE_SENDER_H
 
 #include <string>
 
@@ -20,4 +20,9 @@ class IPCMessageSender {
                    const std::string& value);
 };
 
-#endif  // NYX_DAEMON_IPC_MESSAGE_SENDER_H
+// True for the bus statuses of send that mean the receiver does not exist as
+// addressed (no such service, no such property), as opposed to one that
+// exists but did not answer: a message kept for another try cannot reach it.
+bool isUnroutable(int status);
+
+#endif  // NYX_DAEMON_COMMON_IPC_MESSAGE_SENDER_H

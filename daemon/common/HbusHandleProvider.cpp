@@ -1,4 +1,4 @@
-#include "daemon/HbusHandleProvider.h"
+#include "daemon/common/HbusHandleProvider.h"
 
 #include <map>
 #include <stdexcept>
@@ -36,7 +36,7 @@ HbusHandleStruct* HbusHandleProvider::getHandle(const std::string& serviceName) 
     }
     throw;
   }
-  if (status != 0) {
+  if (status != HBUS_STATUS_OK) {
     throw std::runtime_error("Hbus Initialization failure: " +
                              std::to_string(static_cast<unsigned int>(status)));
   }

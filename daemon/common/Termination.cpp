@@ -1,3 +1,3 @@
-#include "daemon/Termination.h"
+#include "daemon/common/Termination.h"
 
 std::atomic<bool> terminationRequested{false};

@@ -7,8 +7,8 @@
 // its source file. Values elsewhere are always copies of a constant; nothing
 // turns a free string into a value. Constants exist from static
 // initialisation on, so no static initialiser in another file may copy one.
-#ifndef NYX_DAEMON_NAMED_STRING_ENUM_H
-#define NYX_DAEMON_NAMED_STRING_ENUM_H
+#ifndef NYX_DAEMON_COMMON_NAMED_STRING_ENUM_H
+#define NYX_DAEMON_COMMON_NAMED_STRING_ENUM_H
 
 #include <string>
 
@@ -40,4 +40,4 @@ class NamedStringEnum {
   std::string name_;
 };
 
-#endif  // NYX_DAEMON_NAMED_STRING_ENUM_H
+#endif  // NYX_DAEMON_COMMON_NAMED_STRING_ENUM_H

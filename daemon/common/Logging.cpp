@@ -1,4 +1,4 @@
-#include "daemon/Logging.h"
+#include "daemon/common/Logging.h"
 
 #include <syslog.h>
 

@@ -1,4 +1,4 @@
-#include "daemon/RootedPath.h"
+#include "daemon/common/RootedPath.h"
 
 #include <cstdlib>
 

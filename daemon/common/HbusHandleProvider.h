@@ -4,8 +4,8 @@
 // Start-up asks for the handle of the daemon's own service first, on the main
 // thread before the listener thread exists; afterwards both threads only read
 // the table, so it needs no lock. Looking up a new name after start-up would.
-#ifndef NYX_DAEMON_HBUS_HANDLE_PROVIDER_H
-#define NYX_DAEMON_HBUS_HANDLE_PROVIDER_H
+#ifndef NYX_DAEMON_COMMON_HBUS_HANDLE_PROVIDER_H
+#define NYX_DAEMON_COMMON_HBUS_HANDLE_PROVIDER_H
 
 #include <string>
 
@@ -32,4 +32,4 @@ class HbusHandleProvider {
   static void closeAll();
 };
 
-#endif  // NYX_DAEMON_HBUS_HANDLE_PROVIDER_H
+#endif  // NYX_DAEMON_COMMON_HBUS_HANDLE_PROVIDER_H

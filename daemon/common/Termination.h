@@ -5,8 +5,8 @@
 // that does not block the signal: the worker, the bus listener or a library's
 // own thread), so the flag is a lock-free atomic, safe to store from a signal
 // handler and visible to every thread at once.
-#ifndef NYX_DAEMON_TERMINATION_H
-#define NYX_DAEMON_TERMINATION_H
+#ifndef NYX_DAEMON_COMMON_TERMINATION_H
+#define NYX_DAEMON_COMMON_TERMINATION_H
 
 #include <atomic>
 
@@ -15,4 +15,4 @@ extern std::atomic<bool> terminationRequested;
 static_assert(std::atomic<bool>::is_always_lock_free,
               "the stop request is stored from a signal handler");
 
-#endif  // NYX_DAEMON_TERMINATION_H
+#endif  // NYX_DAEMON_COMMON_TERMINATION_H

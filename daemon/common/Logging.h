@@ -5,8 +5,8 @@
 // syslog logger, lines go to standard output only. The front ends are called
 // from the worker and the bus listener threads; the logger is replaced only
 // during single-threaded start-up, so they read it without a lock.
-#ifndef NYX_DAEMON_LOGGING_H
-#define NYX_DAEMON_LOGGING_H
+#ifndef NYX_DAEMON_COMMON_LOGGING_H
+#define NYX_DAEMON_COMMON_LOGGING_H
 
 #define NYX_PRINTF_LIKE(fmt, args) __attribute__((format(printf, fmt, args)))
 
@@ -59,4 +59,4 @@ void logError(const char* component, const char* format, ...) NYX_PRINTF_LIKE(2,
 void logInfo(const char* component, const char* format, ...) NYX_PRINTF_LIKE(2, 3);
 void logWarn(const char* component, const char* format, ...) NYX_PRINTF_LIKE(2, 3);
 
-#endif  // NYX_DAEMON_LOGGING_H
+#endif  // NYX_DAEMON_COMMON_LOGGING_H

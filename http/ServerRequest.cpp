@@ -1,4 +1,4 @@
-#include "registration/DeviceMessagingRequest.h"
+#include "http/ServerRequest.h"
 
 #include <cstdlib>
 #include <memory>
@@ -6,20 +6,23 @@
 
 #include "dynconfig.h"
 
-WebRequest newDeviceMessagingRequest(const char* configKey, const NYXRegistrationReason& reason) {
+std::string configuredServerUrl(const char* configKey) {
   char* rawUrl = nullptr;
-  int status = getDynamicConfigValue(configKey, &rawUrl);
+  const int status = getDynamicConfigValue(configKey, &rawUrl);
   std::unique_ptr<char, decltype(&std::free)> url(rawUrl, std::free);
   if (status != 0 || url == nullptr) {
     throw std::runtime_error("Failed to get device messaging URL from dynconfig.");
   }
+  return std::string(url.get());
+}
 
+WebRequest newServerRequest(const std::string& url, const RequestMethod& method,
+                            const std::string& reason) {
   WebRequest request;
-  request.setUrl(url.get());
-  request.setMethod(RequestMethod::POST);
+  request.setUrl(url);
+  request.setMethod(method);
   request.setHeader("accept", "application/json");
-  request.setHeader("content-type", "application/json");
-  request.setHeader("x-zvo-reason", reason.name());
+  request.setHeader("x-zvo-reason", reason);
   request.setMaxRetries(3);
   return request;
 }

@@ -2,8 +2,8 @@
 //
 // On the device NYX_ROOT is unset and every path is used exactly as given; a
 // development machine or a test points NYX_ROOT at a prepared directory tree.
-#ifndef NYX_DAEMON_ROOTED_PATH_H
-#define NYX_DAEMON_ROOTED_PATH_H
+#ifndef NYX_DAEMON_COMMON_ROOTED_PATH_H
+#define NYX_DAEMON_COMMON_ROOTED_PATH_H
 
 #include <string>
 
@@ -12,4 +12,4 @@
 // slash) followed by devicePath.
 std::string rootedPath(const std::string& devicePath);
 
-#endif  // NYX_DAEMON_ROOTED_PATH_H
+#endif  // NYX_DAEMON_COMMON_ROOTED_PATH_H
