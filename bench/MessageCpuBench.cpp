@@ -30,11 +30,9 @@
 #include <string>
 #include <vector>
 
-#include "daemon/common/Logging.h"
-#include "http/HttpClient.h"
-#include "http/RequestSigner.h"
 #include "messaging/WispMessageFetcher.h"
 #include "messaging/WispPollReason.h"
+#include "tests/support/Fakes.h"
 
 namespace {
 
@@ -80,37 +78,21 @@ std::string makePage(const std::string& payload) {
   return page + "],\"nextPage\":\"" + kPageUrl + "\"}";
 }
 
-class PageClient : public HttpClient {
- public:
-  explicit PageClient(const std::string& page) {
-    response_.setStatusCode(200);
-    response_.setBody(page);
-  }
-  WebResponse perform(const WebRequest& /*request*/) override { return response_; }
+// A client answering every request with the page and a signer, both keeping
+// nothing.
+std::shared_ptr<nyxtest::FakeHttpClient> pageClient(const std::string& page) {
+  auto client = std::make_shared<nyxtest::FakeHttpClient>();
+  client->record = false;
+  const WebResponse answer = nyxtest::response(200, page);
+  client->answer = [answer](const WebRequest&) { return answer; };
+  return client;
+}
 
- private:
-  WebResponse response_;
-};
-
-class NoSigner : public RequestSigner {
- public:
-  const std::string& getDirectedId() const override { return id_; }
-  void sign(WebRequest& /*request*/) override {}
-  std::string signPayload(const unsigned char* /*payload*/, size_t /*length*/) override {
-    return std::string();
-  }
-
- private:
-  std::string id_;
-};
-
-class DroppingLogger : public Logger {
- public:
-  void debug(const char*, const char*) override {}
-  void error(const char*, const char*) override {}
-  void info(const char*, const char*) override {}
-  void warn(const char*, const char*) override {}
-};
+std::shared_ptr<nyxtest::FakeSigner> signer() {
+  auto signer = std::make_shared<nyxtest::FakeSigner>();
+  signer->record = false;
+  return signer;
+}
 
 // A device root whose dynconfig names the page URL, for the fetcher's
 // constructor; removed at exit.
@@ -145,8 +127,7 @@ class ConfiguredRoot {
 std::string gPayload(96, 'x');
 
 void BM_FetchPage(benchmark::State& state) {
-  WispMessageFetcher fetcher(std::make_shared<PageClient>(makePage(gPayload)),
-                             std::make_shared<NoSigner>());
+  WispMessageFetcher fetcher(pageClient(makePage(gPayload)), signer());
   std::list<WispMessage> messages;
   for (auto _ : state) {
     messages.clear();
@@ -164,8 +145,7 @@ void BM_FetchPage(benchmark::State& state) {
 BENCHMARK(BM_FetchPage)->Unit(benchmark::kMicrosecond);
 
 int runPages(long pages) {
-  WispMessageFetcher fetcher(std::make_shared<PageClient>(makePage(gPayload)),
-                             std::make_shared<NoSigner>());
+  WispMessageFetcher fetcher(pageClient(makePage(gPayload)), signer());
   std::list<WispMessage> messages;
   for (long i = 0; i < pages; ++i) {
     messages.clear();
@@ -193,7 +173,7 @@ int main(int argc, char** argv) {
     }
   }
   ConfiguredRoot root;
-  setLogger(new DroppingLogger);
+  setLogger(new nyxtest::SilentLogger);
   if (pages >= 0) {
     return runPages(pages);
   }
