@@ -10,6 +10,7 @@
 
 #include "daemon/Task.h"
 #include "daemon/TaskQueue.h"
+#include "daemon/common/COwners.h"
 #include "daemon/common/HbusHandleProvider.h"
 #include "daemon/common/Logging.h"
 #include "libauth.h"
@@ -134,7 +135,7 @@ void checkHbusStatus(const std::string& label, int status) {
 // The active customer's identifier from the device authentication library,
 // or "" when nobody is signed in.
 std::string getActiveCustomerId() {
-  std::unique_ptr<char, decltype(&free)> customer(libauth_getActiveCustomerID(), free);
+  MallocString customer(libauth_getActiveCustomerID());
   return customer ? std::string(customer.get()) : std::string();
 }
 

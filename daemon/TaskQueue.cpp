@@ -24,13 +24,13 @@ TaskQueue::TaskQueue() : queue_(g_async_queue_new()) {}
 // Tasks still queued are left alone: at exit their destructors would run
 // after the logger and the bus are gone. The daemon clears the queue itself
 // while everything is still up.
-TaskQueue::~TaskQueue() { g_async_queue_unref(queue_); }
+TaskQueue::~TaskQueue() = default;
 
 void TaskQueue::push(std::unique_ptr<Task> task) {
 #ifdef NYX_THREAD_SANITIZER
-  __tsan_release(queue_);
+  __tsan_release(queue_.get());
 #endif
-  g_async_queue_push(queue_, task.release());
+  g_async_queue_push(queue_.get(), task.release());
 }
 
 // A signal or a spurious wake-up can end GLib's wait early with nothing
@@ -39,16 +39,17 @@ void TaskQueue::push(std::unique_ptr<Task> task) {
 std::unique_ptr<Task> TaskQueue::pop(gint64 timeoutMicroseconds) {
   const gint64 deadline = g_get_monotonic_time() + timeoutMicroseconds;
   for (gint64 now = g_get_monotonic_time(); now < deadline; now = g_get_monotonic_time()) {
-    if (void* task = g_async_queue_timeout_pop(queue_, static_cast<guint64>(deadline - now))) {
+    if (void* task =
+            g_async_queue_timeout_pop(queue_.get(), static_cast<guint64>(deadline - now))) {
       return received(task);
     }
   }
   return nullptr;
 }
 
-std::unique_ptr<Task> TaskQueue::tryPop() { return received(g_async_queue_try_pop(queue_)); }
+std::unique_ptr<Task> TaskQueue::tryPop() { return received(g_async_queue_try_pop(queue_.get())); }
 
-bool TaskQueue::empty() const { return g_async_queue_length(queue_) <= 0; }
+bool TaskQueue::empty() const { return g_async_queue_length(queue_.get()) <= 0; }
 
 void TaskQueue::clear() {
   while (tryPop()) {
@@ -58,7 +59,7 @@ void TaskQueue::clear() {
 std::unique_ptr<Task> TaskQueue::received(void* task) {
 #ifdef NYX_THREAD_SANITIZER
   if (task != nullptr) {
-    __tsan_acquire(queue_);
+    __tsan_acquire(queue_.get());
   }
 #endif
   return std::unique_ptr<Task>(static_cast<Task*>(task));

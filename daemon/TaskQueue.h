@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "daemon/Task.h"
+#include "daemon/common/COwners.h"
 
 class TaskQueue {
  public:
@@ -38,7 +39,7 @@ class TaskQueue {
   // thread did before push visible to the checker of thread sanitizer builds.
   std::unique_ptr<Task> received(void* task);
 
-  GAsyncQueue* queue_;
+  AsyncQueueOwner queue_;
 };
 
 // The daemon's one queue, filled by the bus callbacks and emptied by the

@@ -6,12 +6,10 @@
 #include <stdexcept>
 #include <string>
 
+#include "daemon/common/COwners.h"
 #include "http/HttpErrors.h"
 
 namespace {
-
-using EasyHandle = std::unique_ptr<CURL, decltype(&curl_easy_cleanup)>;
-using HeaderList = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
 
 // Collects response bytes exactly as received. It runs inside libcurl, so
 // nothing may be thrown through it: running out of memory refuses the data,
@@ -63,13 +61,13 @@ void CurlHttpClient::configureHandle(CURL* /*handle*/) {}
 WebResponse CurlHttpClient::perform(const WebRequest& request) {
   // Everything the handle points at is declared before it, so the handle is
   // cleaned up first on every path.
-  HeaderList headers(nullptr, &curl_slist_free_all);
+  CurlHeaderListOwner headers;
   std::string headerText;
   std::string bodyText;
   char errorBuffer[CURL_ERROR_SIZE];
   static_assert(CURL_ERROR_SIZE == 256, "the error buffer holds 256 bytes");
 
-  EasyHandle handle(curl_easy_init(), &curl_easy_cleanup);
+  CurlEasyOwner handle(curl_easy_init());
   if (!handle) {
     throw std::runtime_error("Failed to initialize curl");
   }

@@ -1,13 +1,14 @@
 // What every request to the messaging server shares: the server's URL from
-// the dynamic configuration, the JSON accept header, the reason in
-// "x-zvo-reason" and the retry limit. The fetch, registration and
-// unregistration builders start from here.
+// the dynamic configuration, the JSON headers, the reason in "x-zvo-reason",
+// the retry limit and the signature. The fetch, registration and
+// unregistration builders add only their URL's key and their body.
 #ifndef NYX_HTTP_SERVER_REQUEST_H
 #define NYX_HTTP_SERVER_REQUEST_H
 
 #include <string>
 
 #include "http/RequestMethod.h"
+#include "http/RequestSigner.h"
 #include "http/WebRequest.h"
 
 // The URL configured under configKey, read anew at every call so that a
@@ -16,8 +17,11 @@
 std::string configuredServerUrl(const char* configKey);
 
 // A request to url with method, "accept: application/json", the reason in
-// "x-zvo-reason" and 3 retries; unsigned and without a body.
-WebRequest newServerRequest(const std::string& url, const RequestMethod& method,
-                            const std::string& reason);
+// "x-zvo-reason", 3 retries and, when jsonBody is not empty, that body with
+// "content-type: application/json"; signed by signer last, so nothing signed
+// changes after it.
+WebRequest signedServerRequest(const std::string& url, const RequestMethod& method,
+                               const std::string& reason, const std::string& jsonBody,
+                               RequestSigner& signer);
 
 #endif  // NYX_HTTP_SERVER_REQUEST_H

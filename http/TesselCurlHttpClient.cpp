@@ -6,16 +6,15 @@
 
 #include "conn.h"
 #include "curl_extras.h"
+#include "daemon/common/COwners.h"
 
 namespace {
 
 void freeProxyData(ConProxyData* data) {
-  if (data != nullptr) {
-    free(data->host);
-    free(data->port);
-    free(data->reserved);
-    free(data);
-  }
+  free(data->host);
+  free(data->port);
+  free(data->reserved);
+  free(data);
 }
 
 // "host:port" of the proxy the active interface requires, or "" for a
@@ -25,8 +24,7 @@ std::string activeProxy() {
   if (ConActiveInterface() != CON_INTERFACE_PROXIED) {
     return "";
   }
-  std::unique_ptr<ConProxyData, decltype(&freeProxyData)> data(ConGetNetworkProxy(),
-                                                               &freeProxyData);
+  COwner<ConProxyData, freeProxyData> data(ConGetNetworkProxy());
   if (!data || data->host == nullptr || data->port == nullptr) {
     return "";
   }

@@ -2,10 +2,9 @@
 
 #include <glib.h>
 
-#include <cstdlib>
-#include <memory>
 #include <stdexcept>
 
+#include "daemon/common/COwners.h"
 #include "libauth.h"
 
 TesselRequestSigner::TesselRequestSigner(const std::string& directedId)
@@ -19,15 +18,13 @@ void TesselRequestSigner::sign(WebRequest& request) {
   // The library signs the path, query and fragment, the method, the body and
   // the customer; the host, the other headers and the time are its own
   // business, so nothing signed may change after this call.
-  std::unique_ptr<char, decltype(&free)> pathQueryFragment(
-      libauth_getPathQueryFragmentFromURL(request.getUrl().c_str()), &free);
+  MallocString pathQueryFragment(libauth_getPathQueryFragmentFromURL(request.getUrl().c_str()));
   GHashTable* table = nullptr;
   const std::string& body = request.getBody();
   const int status = libauth_getProxyHeaders(
       &table, pathQueryFragment.get(), request.getMethod().name().c_str(), body.data(), body.size(),
       directedId_->empty() ? nullptr : directedId_->c_str());
-  std::unique_ptr<GHashTable, decltype(&g_hash_table_destroy)> headers(table,
-                                                                       &g_hash_table_destroy);
+  HashTableOwner headers(table);
   if (status != 0) {
     throw std::runtime_error("Request Signing Failure. StatusCode: " + std::to_string(status) +
                              " DirectedId: " + *directedId_);

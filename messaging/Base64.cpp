@@ -8,9 +8,9 @@
 #include <climits>
 #include <stdexcept>
 
-namespace {
+#include "daemon/common/COwners.h"
 
-using BioChain = std::shared_ptr<BIO>;
+namespace {
 
 // Throws with the operation's name and OpenSSL's own text when a BIO could
 // not be made.
@@ -26,23 +26,21 @@ BIO* checkBio(BIO* bio, const char* operation) {
   return bio;
 }
 
-using BioOwner = std::unique_ptr<BIO, decltype(&BIO_free_all)>;
-
 // A base64 filter pushed onto sink, without line breaks. Each BIO is owned
 // from the moment it exists; the finished chain is released as a whole with
 // BIO_free_all.
-BioChain makeBase64Chain(BIO* sink) {
-  BioOwner sinkOwner(sink, BIO_free_all);
-  BioOwner filter(checkBio(BIO_new(BIO_f_base64()), "BIO_new(BIO_f_base64)"), BIO_free_all);
+BioChainOwner makeBase64Chain(BIO* sink) {
+  BioChainOwner sinkOwner(sink);
+  BioChainOwner filter(checkBio(BIO_new(BIO_f_base64()), "BIO_new(BIO_f_base64)"));
   BIO_set_flags(filter.get(), BIO_FLAGS_BASE64_NO_NL);
   BIO_push(filter.get(), sinkOwner.release());
-  return BioChain(filter.release(), BIO_free_all);
+  return filter;
 }
 
 }  // namespace
 
 std::string encodeBase64(const unsigned char* data, size_t length) {
-  BioChain chain = makeBase64Chain(checkBio(BIO_new(BIO_s_mem()), "BIO_new(BIO_s_mem)"));
+  BioChainOwner chain = makeBase64Chain(checkBio(BIO_new(BIO_s_mem()), "BIO_new(BIO_s_mem)"));
   if (length > 0) {
     if (length > static_cast<size_t>(INT_MAX) ||
         BIO_write(chain.get(), data, static_cast<int>(length)) != static_cast<int>(length)) {
@@ -61,7 +59,8 @@ std::string encodeBase64(const unsigned char* data, size_t length) {
 std::unique_ptr<unsigned char[]> decodeBase64(const std::string& text, int& length) {
   const size_t capacity = text.size() * 3 / 4;
   std::unique_ptr<unsigned char[]> bytes(new unsigned char[capacity]);
-  BioChain chain = makeBase64Chain(checkBio(BIO_new_mem_buf(text.c_str(), -1), "BIO_new_mem_buf"));
+  BioChainOwner chain =
+      makeBase64Chain(checkBio(BIO_new_mem_buf(text.c_str(), -1), "BIO_new_mem_buf"));
   // One read. Asking for no more than the array holds returns the same bytes
   // as asking for text.size() (base64 never decodes to more than three
   // quarters of its length) and cannot write past the array whatever the

@@ -18,7 +18,5 @@ void WispFetchRequestBuilder::reset() { url_ = configuredServerUrl(kUrlKey); }
 
 WebRequest WispFetchRequestBuilder::build(const WispPollReason& reason,
                                           RequestSigner& signer) const {
-  WebRequest request = newServerRequest(url_, RequestMethod::GET, reason.name());
-  signer.sign(request);
-  return request;
+  return signedServerRequest(url_, RequestMethod::GET, reason.name(), "", signer);
 }

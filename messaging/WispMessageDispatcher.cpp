@@ -44,53 +44,45 @@ std::string dataJson(const NYXMessage& message) {
 
 }  // namespace
 
+// How one kind of message is delivered and logged.
+struct Delivery {
+  const char* kind;        // "NYX" or "WISP"
+  const char* receiver;    // what the log calls the receiver: "Service" or "Topic"
+  const char* unroutable;  // the start of the log line for an unroutable receiver
+  const char* property;    // the receiver's property that is written
+};
+
+constexpr Delivery kNyxDelivery = {"NYX", "Service", "Service unroutable", kNyxMessageProperty};
+constexpr Delivery kWispDelivery = {"WISP", "Topic", "WISP Topic unhandled", kWispMessageProperty};
+
 struct WispMessageDispatcher::Impl {
-  WispDispatchStatus dispatchNyx(const WispMessage& message);
-  WispDispatchStatus dispatchRaw(const WispMessage& message);
+  // Writes the delivery envelope of message with content into the
+  // receiver's property and turns the bus status into the dispatch status.
+  WispDispatchStatus deliver(const Delivery& how, const WispMessage& message,
+                             const std::string& receiver, const std::string& content);
 
   std::shared_ptr<IPCMessageSender> sender;
 };
 
-WispDispatchStatus WispMessageDispatcher::Impl::dispatchNyx(const WispMessage& message) {
-  const NYXMessage nyxMessage = NYXMessage::fromEnvelope(message);
-  const std::string service = nyxMessage.getAppInfo("service.name");
+WispDispatchStatus WispMessageDispatcher::Impl::deliver(const Delivery& how,
+                                                        const WispMessage& message,
+                                                        const std::string& receiver,
+                                                        const std::string& content) {
   const char* id = message.getId().c_str();
-  logInfo(kTag, "Dispatching NYX message. ID: %s Service: %s Payload: %d bytes", id,
-          service.c_str(), static_cast<int>(message.getPayload().size()));
-  const int status =
-      sender->send(service, kNyxMessageProperty, deliveryEnvelope(message, dataJson(nyxMessage)));
+  logInfo(kTag, "Dispatching %s message. ID: %s %s: %s Payload: %d bytes", how.kind, id,
+          how.receiver, receiver.c_str(), static_cast<int>(message.getPayload().size()));
+  const int status = sender->send(receiver, how.property, deliveryEnvelope(message, content));
   if (status == HBUS_STATUS_OK) {
-    logInfo(kTag, "Dispatched NYX message. ID: %s Service: %s", id, service.c_str());
+    logInfo(kTag, "Dispatched %s message. ID: %s %s: %s", how.kind, id, how.receiver,
+            receiver.c_str());
     return WispDispatchStatus::Dispatched;
   }
   if (isUnroutable(status)) {
-    logError(kTag, "Service unroutable or missing property. Service: %s Property: %s",
-             service.c_str(), kNyxMessageProperty);
+    logError(kTag, "%s or missing property. %s: %s Property: %s", how.unroutable, how.receiver,
+             receiver.c_str(), how.property);
     return WispDispatchStatus::Unhandled;
   }
-  logWarn(kTag, "Service unresponsive. Service: %s Status: %d", service.c_str(), status);
-  return WispDispatchStatus::Unresponsive;
-}
-
-WispDispatchStatus WispMessageDispatcher::Impl::dispatchRaw(const WispMessage& message) {
-  const std::string& topic = message.getTopic();
-  const char* id = message.getId().c_str();
-  logInfo(kTag, "Dispatching WISP message. ID: %s Topic: %s Payload: %d bytes", id, topic.c_str(),
-          static_cast<int>(message.getPayload().size()));
-  // The topic goes to the bus as it is; one that is not a valid bus name is
-  // refused there as an unknown service.
-  const int status =
-      sender->send(topic, kWispMessageProperty, deliveryEnvelope(message, message.getPayload()));
-  if (status == HBUS_STATUS_OK) {
-    logInfo(kTag, "Dispatched WISP message. ID: %s Topic: %s", id, topic.c_str());
-    return WispDispatchStatus::Dispatched;
-  }
-  if (isUnroutable(status)) {
-    logError(kTag, "WISP Topic unhandled or missing property. Topic: %s Property: %s",
-             topic.c_str(), kWispMessageProperty);
-    return WispDispatchStatus::Unhandled;
-  }
-  logWarn(kTag, "Service unresponsive. Topic: %s Status: %d", topic.c_str(), status);
+  logWarn(kTag, "Service unresponsive. %s: %s Status: %d", how.receiver, receiver.c_str(), status);
   return WispDispatchStatus::Unresponsive;
 }
 
@@ -101,7 +93,11 @@ WispMessageDispatcher::~WispMessageDispatcher() = default;
 
 WispDispatchStatus WispMessageDispatcher::dispatch(const WispMessage& message) {
   if (message.getPayloadType() == WispPayloadType::NYX) {
-    return impl_->dispatchNyx(message);
+    const NYXMessage nyxMessage = NYXMessage::fromEnvelope(message);
+    return impl_->deliver(kNyxDelivery, message, nyxMessage.getAppInfo("service.name"),
+                          dataJson(nyxMessage));
   }
-  return impl_->dispatchRaw(message);
+  // The topic goes to the bus as it is; one that is not a valid bus name is
+  // refused there as an unknown service.
+  return impl_->deliver(kWispDelivery, message, message.getTopic(), message.getPayload());
 }

@@ -9,6 +9,8 @@
 #include <new>
 #include <stdexcept>
 
+#include "daemon/common/COwners.h"
+
 namespace {
 
 const int kBusyTimeoutMilliseconds = 5000;
@@ -47,7 +49,7 @@ using Statement = std::shared_ptr<sqlite3_stmt>;
 Statement prepare(sqlite3* db, const std::string& text) {
   sqlite3_stmt* raw = nullptr;
   int rc = sqlite3_prepare_v2(db, text.c_str(), static_cast<int>(text.size() + 1), &raw, nullptr);
-  Statement statement(raw, sqlite3_finalize);
+  Statement statement(raw, CRelease<sqlite3_finalize>());
   if (rc != SQLITE_OK) {
     throw std::runtime_error("Failed to execute SQL statement: " + text + "\n" +
                              sqlite3_errmsg(db));
@@ -93,7 +95,7 @@ NYXRegistrationCache::NYXRegistrationCache(const std::string& path) {
   int rc = sqlite3_open(path.c_str(), &raw);
   // SQLite hands back a connection even when opening fails; it carries the
   // error text and must be closed all the same.
-  db_.reset(raw, sqlite3_close);
+  db_.reset(raw, CRelease<sqlite3_close>());
   if (rc != SQLITE_OK) {
     throw std::runtime_error("Failed to open " + path + ": " +
                              (raw != nullptr ? sqlite3_errmsg(raw) : "out of memory"));

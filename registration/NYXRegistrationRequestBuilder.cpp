@@ -61,10 +61,7 @@ WebRequest NYXRegistrationRequestBuilder::build(const NYXRegistrationReason& rea
     throw std::runtime_error("AppInfo must not be empty");
   }
 
-  WebRequest request = newServerRequest(configuredServerUrl("url.devicemessaging.registration"),
-                                        RequestMethod::POST, reason.name());
-  request.setHeader("content-type", "application/json");
-
+  const std::string url = configuredServerUrl("url.devicemessaging.registration");
   rapidjson::StringBuffer body;
   JsonWriter writer(body);
   writer.StartObject();
@@ -83,8 +80,5 @@ WebRequest NYXRegistrationRequestBuilder::build(const NYXRegistrationReason& rea
   }
   writeJsonMember(writer, "target", record_->scope.name());
   writer.EndObject();
-  request.setBody(body.GetString(), body.GetSize());
-
-  signer.sign(request);
-  return request;
+  return signedServerRequest(url, RequestMethod::POST, reason.name(), jsonText(body), signer);
 }

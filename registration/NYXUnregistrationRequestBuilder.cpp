@@ -24,17 +24,11 @@ WebRequest NYXUnregistrationRequestBuilder::build(const NYXRegistrationReason& r
     throw std::runtime_error("RegistrationId must be provided");
   }
 
-  WebRequest request = newServerRequest(configuredServerUrl("url.devicemessaging.unregistration"),
-                                        RequestMethod::POST, reason.name());
-  request.setHeader("content-type", "application/json");
-
+  const std::string url = configuredServerUrl("url.devicemessaging.unregistration");
   rapidjson::StringBuffer body;
   JsonWriter writer(body);
   writer.StartObject();
   writeJsonMember(writer, "registrationId", registrationId);
   writer.EndObject();
-  request.setBody(body.GetString(), body.GetSize());
-
-  signer.sign(request);
-  return request;
+  return signedServerRequest(url, RequestMethod::POST, reason.name(), jsonText(body), signer);
 }

@@ -7,8 +7,6 @@
 // signature is the lower-case hex HMAC-SHA256 of that text under the secret.
 #include <curl/curl.h>
 #include <glib.h>
-#include <openssl/evp.h>
-#include <openssl/hmac.h>
 
 #include <cstring>
 #include <memory>
@@ -16,53 +14,32 @@
 #include <string>
 
 #include "HostFiles.h"
+#include "HostOwners.h"
 #include "libauth.h"
 
 namespace {
 
-std::string toHex(const unsigned char* bytes, size_t length) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string hex;
-  hex.reserve(length * 2);
-  for (size_t i = 0; i < length; ++i) {
-    hex += kDigits[bytes[i] >> 4];
-    hex += kDigits[bytes[i] & 0x0f];
-  }
-  return hex;
+// GLib computes both digests and writes them in lower-case hex.
+std::string hmacSha256Hex(const std::string& key, const void* data, size_t length) {
+  static const guchar kEmpty = 0;
+  nyxhost::GFreeString mac(g_compute_hmac_for_data(
+      G_CHECKSUM_SHA256, reinterpret_cast<const guchar*>(key.data()), key.size(),
+      data != nullptr ? static_cast<const guchar*>(data) : &kEmpty, length));
+  return mac.get();
 }
 
-std::optional<std::string> hmacSha256Hex(const std::string& key, const void* data, size_t length) {
-  unsigned char mac[EVP_MAX_MD_SIZE];
-  unsigned int macLength = 0;
-  static const unsigned char kEmpty = 0;
-  if (HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
-           data != nullptr ? static_cast<const unsigned char*>(data) : &kEmpty, length, mac,
-           &macLength) == nullptr) {
-    return std::nullopt;
-  }
-  return toHex(mac, macLength);
-}
-
-std::optional<std::string> sha256Hex(const void* data, size_t length) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int digestLength = 0;
-  static const unsigned char kEmpty = 0;
-  if (EVP_Digest(data != nullptr ? data : &kEmpty, length, digest, &digestLength, EVP_sha256(),
-                 nullptr) != 1) {
-    return std::nullopt;
-  }
-  return toHex(digest, digestLength);
+std::string sha256Hex(const void* data, size_t length) {
+  static const guchar kEmpty = 0;
+  nyxhost::GFreeString digest(g_compute_checksum_for_data(
+      G_CHECKSUM_SHA256, data != nullptr ? static_cast<const guchar*>(data) : &kEmpty, length));
+  return digest.get();
 }
 
 std::string utcNow() {
-  std::unique_ptr<GDateTime, decltype(&g_date_time_unref)> now(g_date_time_new_now_utc(),
-                                                               g_date_time_unref);
-  std::unique_ptr<gchar, decltype(&g_free)> text(
-      g_date_time_format(now.get(), "%Y-%m-%dT%H:%M:%SZ"), g_free);
+  nyxhost::GDateTimeOwner now(g_date_time_new_now_utc());
+  nyxhost::GFreeString text(g_date_time_format(now.get(), "%Y-%m-%dT%H:%M:%SZ"));
   return text.get();
 }
-
-using CurlUrl = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
 
 // One part of a parsed URL, or nullopt when the URL has none.
 std::optional<std::string> urlPart(CURLU* url, CURLUPart part) {
@@ -70,9 +47,7 @@ std::optional<std::string> urlPart(CURLU* url, CURLUPart part) {
   if (curl_url_get(url, part, &raw, 0) != CURLUE_OK || raw == nullptr) {
     return std::nullopt;
   }
-  std::string text(raw);
-  curl_free(raw);
-  return text;
+  return std::string(nyxhost::CurlString(raw).get());
 }
 
 }  // namespace
@@ -88,7 +63,7 @@ char* libauth_getPathQueryFragmentFromURL(const char* url) {
   if (url == nullptr) {
     return nullptr;
   }
-  CurlUrl parsed(curl_url(), curl_url_cleanup);
+  nyxhost::CurlUrlOwner parsed(curl_url());
   if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url, 0) != CURLUE_OK) {
     return nullptr;
   }
@@ -118,24 +93,16 @@ int libauth_getProxyHeaders(GHashTable** headers, const char* pathQueryFragment,
   }
   const std::string customer = directedId != nullptr ? directedId : "";
   const std::string date = utcNow();
-  const std::optional<std::string> bodyDigest = sha256Hex(body, bodyLength);
-  if (!bodyDigest) {
-    return 1;
-  }
   const std::string canonical = std::string(method) + "\n" + pathQueryFragment + "\n" + date +
-                                "\n" + customer + "\n" + *bodyDigest;
-  const std::optional<std::string> signature =
-      hmacSha256Hex(*secret, canonical.data(), canonical.size());
-  if (!signature) {
-    return 1;
-  }
+                                "\n" + customer + "\n" + sha256Hex(body, bodyLength);
+  const std::string signature = hmacSha256Hex(*secret, canonical.data(), canonical.size());
   GHashTable* table = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free);
   g_hash_table_insert(table, g_strdup("X-Device-Serial"), g_strdup(serial->c_str()));
   g_hash_table_insert(table, g_strdup("X-Device-Date"), g_strdup(date.c_str()));
   if (!customer.empty()) {
     g_hash_table_insert(table, g_strdup("X-Device-Customer"), g_strdup(customer.c_str()));
   }
-  g_hash_table_insert(table, g_strdup("X-Device-Signature"), g_strdup(signature->c_str()));
+  g_hash_table_insert(table, g_strdup("X-Device-Signature"), g_strdup(signature.c_str()));
   *headers = table;
   return 0;
 }
@@ -146,11 +113,8 @@ char* libauth_getSignedDigest(const unsigned char* payload, size_t payloadLength
   if (!secret || (payload == nullptr && payloadLength != 0)) {
     return nullptr;
   }
-  const std::optional<std::string> digest = hmacSha256Hex(*secret, payload, payloadLength);
-  if (!digest) {
-    return nullptr;
-  }
-  char* copy = new char[digest->size() + 1];
-  std::memcpy(copy, digest->c_str(), digest->size() + 1);
+  const std::string digest = hmacSha256Hex(*secret, payload, payloadLength);
+  char* copy = new char[digest.size() + 1];
+  std::memcpy(copy, digest.c_str(), digest.size() + 1);
   return copy;
 }

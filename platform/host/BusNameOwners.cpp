@@ -2,6 +2,8 @@
 
 #include <memory>
 
+#include "HostOwners.h"
+
 namespace nyxhost {
 
 namespace {
@@ -9,10 +11,7 @@ namespace {
 constexpr char kBusName[] = "org.freedesktop.DBus";
 constexpr char kBusPath[] = "/org/freedesktop/DBus";
 
-struct VariantDeleter {
-  void operator()(GVariant* variant) const { g_variant_unref(variant); }
-};
-using VariantPtr = std::unique_ptr<GVariant, VariantDeleter>;
+using VariantPtr = GVariantOwner;
 
 VariantPtr callBus(GDBusConnection* connection, const char* method, GVariant* parameters,
                    const GVariantType* replyType, int timeoutMs) {

@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "BusNameOwners.h"
+#include "HostOwners.h"
 #include "hbus.h"
 #include "nyx_host_hbus.h"
 
@@ -97,14 +98,8 @@ class SenderScope {
   SenderScope& operator=(const SenderScope&) = delete;
 };
 
-struct GErrorDeleter {
-  void operator()(GError* error) const { g_error_free(error); }
-};
-using ErrorPtr = std::unique_ptr<GError, GErrorDeleter>;
-struct VariantDeleter {
-  void operator()(GVariant* variant) const { g_variant_unref(variant); }
-};
-using VariantPtr = std::unique_ptr<GVariant, VariantDeleter>;
+using ErrorPtr = nyxhost::GErrorOwner;
+using VariantPtr = nyxhost::GVariantOwner;
 
 bool validText(const char* text) { return text != nullptr && g_utf8_validate(text, -1, nullptr); }
 
@@ -128,7 +123,7 @@ int statusOfError(GError* error) {
   if (!g_dbus_error_is_remote_error(error)) {
     return HBUS_STATUS_FAILURE;  // time-out, closed connection, bad reply
   }
-  std::unique_ptr<gchar, decltype(&g_free)> name(g_dbus_error_get_remote_error(error), g_free);
+  nyxhost::GFreeString name(g_dbus_error_get_remote_error(error));
   const std::string errorName = name ? name.get() : "";
   if (errorName == "org.freedesktop.DBus.Error.ServiceUnknown" ||
       errorName == "org.freedesktop.DBus.Error.NameHasNoOwner") {
@@ -216,8 +211,8 @@ void dispatchCall(HbusHandleStruct* handle, const char* sender, const std::strin
     const char* value = nullptr;
     g_variant_get_child(parameters, 1, "&s", &value);
     if (property.stringWriteNew != nullptr) {
-      std::unique_ptr<GHashTable, decltype(&g_hash_table_destroy)> parametersTable(
-          g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free), g_hash_table_destroy);
+      nyxhost::GHashTableOwner parametersTable(
+          g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free));
       const std::string senderName =
           nameOwners != nullptr ? nameOwners->senderName(sender) : std::string(sender);
       g_hash_table_insert(parametersTable.get(), g_strdup("sender"), g_strdup(senderName.c_str()));
@@ -240,7 +235,7 @@ void dispatchCall(HbusHandleStruct* handle, const char* sender, const std::strin
       return;
     }
   } else {
-    std::unique_ptr<char, decltype(&g_free)> read(nullptr, g_free);
+    nyxhost::GFreeString read;
     if (property.stringRead != nullptr) {
       char* value = nullptr;
       status = property.stringRead(handle, name, &value, property.userData);
@@ -340,8 +335,7 @@ int requestName(GDBusConnection* connection, const char* name, const std::string
 // that context. Returns 0 or a status; bus is set to the bus tried.
 int connectHandle(HbusHandleStruct* handle, std::string& bus) {
   GError* rawError = nullptr;
-  std::unique_ptr<gchar, decltype(&g_free)> address(
-      g_dbus_address_get_for_bus_sync(busType(), nullptr, &rawError), g_free);
+  nyxhost::GFreeString address(g_dbus_address_get_for_bus_sync(busType(), nullptr, &rawError));
   ErrorPtr addressError(rawError);
   bus = busLabel(address.get());
   if (!address) {

@@ -6,18 +6,9 @@
 #include <cstring>
 #include <memory>
 
+#include "HostOwners.h"
+
 namespace nyxhost {
-
-namespace {
-
-struct GFreeDeleter {
-  void operator()(gchar* text) const { g_free(text); }
-};
-struct StrvDeleter {
-  void operator()(gchar** lines) const { g_strfreev(lines); }
-};
-
-}  // namespace
 
 std::string hostFilePath(const std::string& name) {
   const char* root = std::getenv("NYX_ROOT");
@@ -34,7 +25,7 @@ std::optional<std::string> readHostFile(const std::string& name) {
   if (!g_file_get_contents(hostFilePath(name).c_str(), &raw, &length, nullptr)) {
     return std::nullopt;
   }
-  std::unique_ptr<gchar, GFreeDeleter> content(raw);
+  GFreeString content(raw);
   return std::string(content.get(), length);
 }
 
@@ -43,9 +34,9 @@ std::optional<std::string> readFirstLine(const std::string& name) {
   if (!content) {
     return std::nullopt;
   }
-  std::unique_ptr<gchar, GFreeDeleter> line(
-      g_strndup(content->c_str(),
-                content->find('\n') == std::string::npos ? content->size() : content->find('\n')));
+  GFreeString line(g_strndup(content->c_str(), content->find('\n') == std::string::npos
+                                                   ? content->size()
+                                                   : content->find('\n')));
   g_strstrip(line.get());
   if (*line == '\0') {
     return std::nullopt;
@@ -59,13 +50,13 @@ std::map<std::string, std::string> readKeyValues(const std::string& name) {
   if (!content) {
     return values;
   }
-  std::unique_ptr<gchar*, StrvDeleter> lines(g_strsplit(content->c_str(), "\n", -1));
+  StrvOwner lines(g_strsplit(content->c_str(), "\n", -1));
   for (gchar** line = lines.get(); *line != nullptr; ++line) {
     g_strstrip(*line);
     if (**line == '\0' || **line == '#') {
       continue;
     }
-    std::unique_ptr<gchar*, StrvDeleter> parts(g_strsplit(*line, "=", 2));
+    StrvOwner parts(g_strsplit(*line, "=", 2));
     if (parts.get()[0] == nullptr || parts.get()[1] == nullptr) {
       continue;
     }

@@ -293,29 +293,39 @@ TEST_F(MessagingTest, DispatchWritesTheDeliveryEnvelopeAndThePurgeReportsTheOutc
     std::string service, property, jsonId, payload, directed;
     const S& outcome;
     int code;
+    std::string logged;  // the outcome's log line
   };
   const Case cases[] = {
       {makeMessage("m\"2", "svc", bytes, "cust"), 0, "svc", "wisp_message", R"(m\"2)", bytes,
-       "cust", S::Dispatched, 1},
+       "cust", S::Dispatched, 1,
+       "INFO WispMessageDispatcher: Dispatched WISP message. ID: m\"2 Topic: svc"},
       {makeMessage("m1", "cobalt.device.messaging", ""), 3, "cobalt.device.messaging",
-       "wisp_message", "m1", "", "", S::Unhandled, 103},
-      {makeMessage("m1", "svc", "x"), 1, "svc", "wisp_message", "m1", "x", "", S::Unresponsive,
-       200},
+       "wisp_message", "m1", "", "", S::Unhandled, 103,
+       "ERROR WispMessageDispatcher: WISP Topic unhandled or missing property. Topic: "
+       "cobalt.device.messaging Property: wisp_message"},
+      {makeMessage("m1", "svc", "x"), 1, "svc", "wisp_message", "m1", "x", "", S::Unresponsive, 200,
+       "WARN WispMessageDispatcher: Service unresponsive. Topic: svc Status: 1"},
       {makeMessage("m1", kNyxTopicPrefix + "app", kApp + "}"), 8, "a", "nyx_message", "m1",
-       R"({"collapse_key":"do_not_collapse","from":"s"})", "", S::Unhandled, 103},
+       R"({"collapse_key":"do_not_collapse","from":"s"})", "", S::Unhandled, 103,
+       "ERROR WispMessageDispatcher: Service unroutable or missing property. Service: a "
+       "Property: nyx_message"},
       {makeMessage("m1", kNyxTopicPrefix, kApp + R"(,"consolidationKey":"k","data":{"b":"1"}})",
                    "c"),
        -5, "a", "nyx_message", "m1", R"({"b":"1","collapse_key":"k","from":"s"})", "c",
-       S::Unresponsive, 200},
+       S::Unresponsive, 200,
+       "WARN WispMessageDispatcher: Service unresponsive. Service: a Status: -5"},
       {makeMessage("m1", kNyxTopicPrefix,
                    kApp + R"(,"consolidationKey":"k","data":{"from":"o","collapse_key":"d"}})"),
-       0, "a", "nyx_message", "m1", R"({"collapse_key":"d","from":"o"})", "", S::Dispatched, 1},
+       0, "a", "nyx_message", "m1", R"({"collapse_key":"d","from":"o"})", "", S::Dispatched, 1,
+       "INFO WispMessageDispatcher: Dispatched NYX message. ID: m1 Service: a"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.payload);
     sender_->sent.clear();
+    log_.clear();
     sender_->statuses = {{c.service, {c.busStatus}}, {"com.corvid.outbox", {c.busStatus}}};
     EXPECT_EQ(dispatcher_->dispatch(c.message), c.outcome);
+    EXPECT_EQ(log_.count(c.logged), 1u);
     EXPECT_EQ(purger_->purge(c.message, c.outcome), c.busStatus == 0);
     EXPECT_EQ(
         sender_->sent,
