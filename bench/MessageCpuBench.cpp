@@ -15,7 +15,6 @@
 // minus that of N1 pages, over (N2 - N1) * 100, is the instructions per
 // message, free of start-up cost.
 #include <benchmark/benchmark.h>
-#include <openssl/evp.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,6 +29,7 @@
 #include <string>
 #include <vector>
 
+#include "messaging/Base64.h"
 #include "messaging/WispMessageFetcher.h"
 #include "messaging/WispPollReason.h"
 #include "tests/support/Fakes.h"
@@ -54,19 +54,11 @@ uint32_t crc32Of(const std::string& a, const std::string& b) {
   return crc ^ 0xFFFFFFFFu;
 }
 
-std::string base64(const std::string& bytes) {
-  std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  const int written = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&text[0]),
-                                      reinterpret_cast<const unsigned char*>(bytes.data()),
-                                      static_cast<int>(bytes.size()));
-  text.resize(static_cast<size_t>(written));
-  return text;
-}
-
 // A page as the mock server writes it.
 std::string makePage(const std::string& payload) {
   const std::string topic = "bench.receiver";
-  const std::string encoded = base64(payload);
+  const std::string encoded =
+      encodeBase64(reinterpret_cast<const unsigned char*>(payload.data()), payload.size());
   const std::string crc = std::to_string(crc32Of(topic, payload));
   std::string page = "{\"messages\":[";
   for (int i = 0; i < kMessagesPerPage; ++i) {
