@@ -114,4 +114,16 @@ inline guint exportHbus(GDBusConnection* connection, const GDBusInterfaceVTable*
 
 }  // namespace nyxbench
 
+// Ends the main loop given as user data; the SIGTERM and SIGINT handler.
+inline gboolean quitLoop(gpointer loop) {
+  g_main_loop_quit(static_cast<GMainLoop*>(loop));
+  return G_SOURCE_REMOVE;
+}
+
+// The answer to a call about a property the service does not have.
+inline void returnNoSuchProperty(GDBusMethodInvocation* invocation) {
+  g_dbus_method_invocation_return_dbus_error(invocation, "hbus.Error.NoSuchProperty",
+                                             "no such property");
+}
+
 #endif  // NYX_BENCH_BENCH_BUS_H

@@ -401,13 +401,7 @@ void handleCall(GDBusConnection* /*connection*/, const gchar* /*sender*/,
       return;
     }
   }
-  g_dbus_method_invocation_return_dbus_error(invocation, "hbus.Error.NoSuchProperty",
-                                             "no such property");
-}
-
-gboolean quit(gpointer userData) {
-  g_main_loop_quit(static_cast<GMainLoop*>(userData));
-  return G_SOURCE_REMOVE;
+  returnNoSuchProperty(invocation);
 }
 
 }  // namespace
@@ -437,8 +431,8 @@ int main(int argc, char** argv) {
     nyxbench::exportHbus(connection.get(), &vtable, &floor);
     nyxbench::ownName(connection.get(), name);
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-    g_unix_signal_add(SIGTERM, quit, loop);
-    g_unix_signal_add(SIGINT, quit, loop);
+    g_unix_signal_add(SIGTERM, quitLoop, loop);
+    g_unix_signal_add(SIGINT, quitLoop, loop);
     logInfo("Main", "Waiting for tasks.");
     sd_notify(0, "READY=1");
     g_main_loop_run(loop);

@@ -35,11 +35,6 @@
 
 namespace {
 
-gboolean quit(gpointer userData) {
-  g_main_loop_quit(static_cast<GMainLoop*>(userData));
-  return G_SOURCE_REMOVE;
-}
-
 std::string rootedPath(const std::string& path) {
   const char* root = std::getenv("NYX_ROOT");
   std::string rooted = (root != nullptr && *root != '\0') ? root : "/";
@@ -107,8 +102,8 @@ int main(int argc, char** argv) {
     }
 #endif
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-    g_unix_signal_add(SIGTERM, quit, loop);
-    g_unix_signal_add(SIGINT, quit, loop);
+    g_unix_signal_add(SIGTERM, quitLoop, loop);
+    g_unix_signal_add(SIGINT, quitLoop, loop);
     sd_notify(0, "READY=1");
     g_main_loop_run(loop);
     g_main_loop_unref(loop);

@@ -62,13 +62,7 @@ void handleCall(GDBusConnection* /*connection*/, const gchar* /*sender*/,
       return;
     }
   }
-  g_dbus_method_invocation_return_dbus_error(invocation, "hbus.Error.NoSuchProperty",
-                                             "no such property");
-}
-
-gboolean quit(gpointer userData) {
-  g_main_loop_quit(static_cast<GMainLoop*>(userData));
-  return G_SOURCE_REMOVE;
+  returnNoSuchProperty(invocation);
 }
 
 int usage() {
@@ -115,8 +109,8 @@ int main(int argc, char** argv) {
     nyxbench::exportHbus(connection.get(), &vtable, &service);
     nyxbench::ownName(connection.get(), name);
     service.loop = g_main_loop_new(nullptr, FALSE);
-    g_unix_signal_add(SIGTERM, quit, service.loop);
-    g_unix_signal_add(SIGINT, quit, service.loop);
+    g_unix_signal_add(SIGTERM, quitLoop, service.loop);
+    g_unix_signal_add(SIGINT, quitLoop, service.loop);
     std::printf("ready\n");
     std::fflush(stdout);
     g_main_loop_run(service.loop);

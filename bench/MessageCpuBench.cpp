@@ -15,7 +15,6 @@
 // minus that of N1 pages, over (N2 - N1) * 100, is the instructions per
 // message, free of start-up cost.
 #include <benchmark/benchmark.h>
-#include <openssl/evp.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,11 +29,10 @@
 #include <string>
 #include <vector>
 
-#include "daemon/common/Logging.h"
-#include "http/HttpClient.h"
-#include "http/RequestSigner.h"
+#include "messaging/Base64.h"
 #include "messaging/WispMessageFetcher.h"
 #include "messaging/WispPollReason.h"
+#include "tests/support/Fakes.h"
 
 namespace {
 
@@ -56,19 +54,11 @@ uint32_t crc32Of(const std::string& a, const std::string& b) {
   return crc ^ 0xFFFFFFFFu;
 }
 
-std::string base64(const std::string& bytes) {
-  std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  const int written = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&text[0]),
-                                      reinterpret_cast<const unsigned char*>(bytes.data()),
-                                      static_cast<int>(bytes.size()));
-  text.resize(static_cast<size_t>(written));
-  return text;
-}
-
 // A page as the mock server writes it.
 std::string makePage(const std::string& payload) {
   const std::string topic = "bench.receiver";
-  const std::string encoded = base64(payload);
+  const std::string encoded =
+      encodeBase64(reinterpret_cast<const unsigned char*>(payload.data()), payload.size());
   const std::string crc = std::to_string(crc32Of(topic, payload));
   std::string page = "{\"messages\":[";
   for (int i = 0; i < kMessagesPerPage; ++i) {
@@ -80,37 +70,21 @@ std::string makePage(const std::string& payload) {
   return page + "],\"nextPage\":\"" + kPageUrl + "\"}";
 }
 
-class PageClient : public HttpClient {
- public:
-  explicit PageClient(const std::string& page) {
-    response_.setStatusCode(200);
-    response_.setBody(page);
-  }
-  WebResponse perform(const WebRequest& /*request*/) override { return response_; }
+// A client answering every request with the page and a signer, both keeping
+// nothing.
+std::shared_ptr<nyxtest::FakeHttpClient> pageClient(const std::string& page) {
+  auto client = std::make_shared<nyxtest::FakeHttpClient>();
+  client->record = false;
+  const WebResponse answer = nyxtest::response(200, page);
+  client->answer = [answer](const WebRequest&) { return answer; };
+  return client;
+}
 
- private:
-  WebResponse response_;
-};
-
-class NoSigner : public RequestSigner {
- public:
-  const std::string& getDirectedId() const override { return id_; }
-  void sign(WebRequest& /*request*/) override {}
-  std::string signPayload(const unsigned char* /*payload*/, size_t /*length*/) override {
-    return std::string();
-  }
-
- private:
-  std::string id_;
-};
-
-class DroppingLogger : public Logger {
- public:
-  void debug(const char*, const char*) override {}
-  void error(const char*, const char*) override {}
-  void info(const char*, const char*) override {}
-  void warn(const char*, const char*) override {}
-};
+std::shared_ptr<nyxtest::FakeSigner> signer() {
+  auto signer = std::make_shared<nyxtest::FakeSigner>();
+  signer->record = false;
+  return signer;
+}
 
 // A device root whose dynconfig names the page URL, for the fetcher's
 // constructor; removed at exit.
@@ -145,8 +119,7 @@ class ConfiguredRoot {
 std::string gPayload(96, 'x');
 
 void BM_FetchPage(benchmark::State& state) {
-  WispMessageFetcher fetcher(std::make_shared<PageClient>(makePage(gPayload)),
-                             std::make_shared<NoSigner>());
+  WispMessageFetcher fetcher(pageClient(makePage(gPayload)), signer());
   std::list<WispMessage> messages;
   for (auto _ : state) {
     messages.clear();
@@ -164,8 +137,7 @@ void BM_FetchPage(benchmark::State& state) {
 BENCHMARK(BM_FetchPage)->Unit(benchmark::kMicrosecond);
 
 int runPages(long pages) {
-  WispMessageFetcher fetcher(std::make_shared<PageClient>(makePage(gPayload)),
-                             std::make_shared<NoSigner>());
+  WispMessageFetcher fetcher(pageClient(makePage(gPayload)), signer());
   std::list<WispMessage> messages;
   for (long i = 0; i < pages; ++i) {
     messages.clear();
@@ -193,7 +165,7 @@ int main(int argc, char** argv) {
     }
   }
   ConfiguredRoot root;
-  setLogger(new DroppingLogger);
+  setLogger(new nyxtest::SilentLogger);
   if (pages >= 0) {
     return runPages(pages);
   }

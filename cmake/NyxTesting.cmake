@@ -44,21 +44,13 @@ function(nyx_set_test_properties name timeout labels environment)
     ENVIRONMENT "NYX_SOURCE_DIR=${PROJECT_SOURCE_DIR};NYX_BINARY_DIR=${PROJECT_BINARY_DIR};NYX_TEST_EMULATOR=${NYX_TEST_EMULATOR};${NYX_SANITIZER_ENV};${environment}")
 endfunction()
 
+# One test file, one binary, one CTest entry: a test added to the file always
+# runs. Tests that take long go into a file of their own with the label slow.
 function(nyx_add_gtest name)
-  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT;ARGS" ${ARGN})
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} nyx_test_support GTest::gmock GTest::gtest_main)
-  nyx_register_gtest(${name} TARGET ${name} ARGS ${ARG_ARGS} LABELS ${ARG_LABELS}
-    ENVIRONMENT ${ARG_ENVIRONMENT} TIMEOUT ${ARG_TIMEOUT})
-endfunction()
-
-# nyx_register_gtest(TEST_NAME TARGET t [ARGS a...] [LABELS l...] [ENVIRONMENT K=V...] [TIMEOUT s])
-#
-# Registers a run of an existing test binary, for example one part of it
-# selected with --gtest_filter under a label of its own.
-function(nyx_register_gtest name)
-  cmake_parse_arguments(ARG "" "TARGET;TIMEOUT" "ARGS;LABELS;ENVIRONMENT" ${ARGN})
-  add_test(NAME ${name} COMMAND ${ARG_TARGET} ${ARG_ARGS})
+  add_test(NAME ${name} COMMAND ${name})
   nyx_set_test_properties(${name} "${ARG_TIMEOUT}" "${ARG_LABELS}" "${ARG_ENVIRONMENT}")
 endfunction()
 

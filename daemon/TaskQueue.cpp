@@ -33,9 +33,18 @@ void TaskQueue::push(std::unique_ptr<Task> task) {
   g_async_queue_push(queue_.get(), task.release());
 }
 
+// A signal or a spurious wake-up can end GLib's wait early with nothing
+// popped: the wait then goes on for the rest of its time, so that a signal
+// while idle is honoured only if no task arrives within the wait.
 std::unique_ptr<Task> TaskQueue::pop(gint64 timeoutMicroseconds) {
-  return received(
-      g_async_queue_timeout_pop(queue_.get(), static_cast<guint64>(timeoutMicroseconds)));
+  const gint64 deadline = g_get_monotonic_time() + timeoutMicroseconds;
+  for (gint64 now = g_get_monotonic_time(); now < deadline; now = g_get_monotonic_time()) {
+    if (void* task =
+            g_async_queue_timeout_pop(queue_.get(), static_cast<guint64>(deadline - now))) {
+      return received(task);
+    }
+  }
+  return nullptr;
 }
 
 std::unique_ptr<Task> TaskQueue::tryPop() { return received(g_async_queue_try_pop(queue_.get())); }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 #include <stdexcept>
 
 namespace nyxtest {
@@ -48,6 +49,27 @@ class ServiceOpenFileLimit {
 };
 
 }  // namespace
+
+std::vector<std::string> jsonLines(const std::string& path) {
+  std::vector<std::string> lines;
+  std::ifstream in(path);
+  for (std::string line; std::getline(in, line);) {
+    if (!line.empty()) {
+      lines.push_back(line);
+    }
+  }
+  return lines;
+}
+
+bool waitForJsonLines(const std::string& path, size_t count) {
+  return waitUntil([&] { return jsonLines(path).size() >= count; }, kDeadline);
+}
+
+std::string appAnswer(const std::string& path, size_t index) {
+  rapidjson::Document entry;
+  entry.Parse(jsonLines(path).at(index));
+  return entry["value"].GetString();
+}
 
 DaemonHarness::DaemonHarness() {
   root_.writePlatformFile("device-serial", "SERIAL-0001\n");

@@ -12,6 +12,15 @@
 
 namespace nyxtest {
 
+constexpr milliseconds kDeadline(20000);
+constexpr char kWaiting[] = "I Main: Waiting for tasks.";
+
+// The non-empty lines of a JSON-lines log.
+std::vector<std::string> jsonLines(const std::string& path);
+bool waitForJsonLines(const std::string& path, size_t count);
+// The value that the sample app logged on line `index`: what the daemon wrote it.
+std::string appAnswer(const std::string& path, size_t index);
+
 class DaemonHarness {
  public:
   // Prepares the root (customer "customer-1"), the bus, the mock server, the

@@ -9,8 +9,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   WispMessageFetcher fetcher(
-      std::make_shared<nyxfuzz::PageServer>(std::string(reinterpret_cast<const char*>(data), size)),
-      std::make_shared<nyxfuzz::NullSigner>());
+      nyxfuzz::pageServer(std::string(reinterpret_cast<const char*>(data), size)),
+      std::make_shared<nyxtest::FakeSigner>());
   std::list<WispMessage> messages;
   try {  // a page naming itself as the next page would loop: first, next and one more
     int calls = 0;
@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   } catch (const ClientError&) {  // a next page the fake server does not know
   }
-  WispMessageDispatcher dispatcher(std::make_shared<nyxfuzz::NullSender>());
+  WispMessageDispatcher dispatcher(std::make_shared<nyxtest::RecordingSender>());
   for (const WispMessage& message : messages) {
     nyxfuzz::allowRuntimeError([&] { dispatcher.dispatch(message); });
   }

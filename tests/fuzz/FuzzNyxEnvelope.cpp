@@ -6,7 +6,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string bytes(reinterpret_cast<const char*>(data), size);
-  WispMessageDispatcher dispatcher(std::make_shared<nyxfuzz::NullSender>());
+  WispMessageDispatcher dispatcher(std::make_shared<nyxtest::RecordingSender>());
   WispMessage message;
   message.setId("fuzz");
   message.setTopic(kNyxTopicPrefix + "app");

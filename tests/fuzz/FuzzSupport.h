@@ -1,5 +1,6 @@
-// The harness of the messaging fuzz targets, included once by each: fakes, a
-// silent logger, a device root whose configuration names kFetchUrl.
+// The harness of the messaging fuzz targets, included once by each: a fake
+// page server, a silent logger, a device root whose configuration names
+// kFetchUrl.
 #ifndef NYX_TESTS_FUZZ_FUZZ_SUPPORT_H
 #define NYX_TESTS_FUZZ_FUZZ_SUPPORT_H
 
@@ -12,44 +13,21 @@
 #include <stdexcept>
 #include <string>
 
-#include "daemon/common/IPCMessageSender.h"
-#include "daemon/common/Logging.h"
-#include "http/HttpClient.h"
-#include "http/RequestSigner.h"
+#include "tests/support/Fakes.h"
 
 namespace nyxfuzz {
 
 constexpr char kFetchUrl[] = "https://messaging.fuzz/messages";
 
 // Answers kFetchUrl with the page, any other URL with 404.
-struct PageServer : HttpClient {
-  explicit PageServer(std::string page) : page(std::move(page)) {}
-  WebResponse perform(const WebRequest& request) override {
-    WebResponse response;
-    response.setStatusCode(request.getUrl() == kFetchUrl ? 200 : 404);
-    response.setBody(request.getUrl() == kFetchUrl ? page : "");
-    return response;
-  }
-  std::string page;
-};
-
-struct NullSender : IPCMessageSender {
-  int send(const std::string&, const std::string&, const std::string&) override { return 0; }
-};
-
-struct NullSigner : RequestSigner {
-  const std::string& getDirectedId() const override { return directedId; }
-  void sign(WebRequest&) override {}
-  std::string signPayload(const unsigned char*, size_t) override { return "signature"; }
-  std::string directedId = "customer";
-};
-
-struct SilentLogger : Logger {
-  void debug(const char*, const char*) override {}
-  void error(const char*, const char*) override {}
-  void info(const char*, const char*) override {}
-  void warn(const char*, const char*) override {}
-};
+inline std::shared_ptr<nyxtest::FakeHttpClient> pageServer(const std::string& page) {
+  auto client = std::make_shared<nyxtest::FakeHttpClient>();
+  client->record = false;
+  client->answer = [page](const WebRequest& request) {
+    return request.getUrl() == kFetchUrl ? nyxtest::response(200, page) : nyxtest::response(404);
+  };
+  return client;
+}
 
 // Runs the call; a std::runtime_error is an accepted outcome, anything else a finding.
 template <typename Call>
@@ -63,7 +41,7 @@ void allowRuntimeError(Call call) {
 }  // namespace nyxfuzz
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  setLogger(new nyxfuzz::SilentLogger());
+  setLogger(new nyxtest::SilentLogger());
   char root[] = "/tmp/nyx-fuzz-XXXXXX";
   if (mkdtemp(root) == nullptr) throw std::runtime_error("mkdtemp failed");
   std::filesystem::create_directories(std::string(root) + "/etc/nyx-host");

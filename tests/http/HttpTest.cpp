@@ -14,6 +14,7 @@
 #include "http/HttpErrors.h"
 #include "http/TesselCurlHttpClient.h"
 #include "http/TesselRequestSigner.h"
+#include "tests/support/Fakes.h"
 #include "tests/support/LocalHttpServer.h"
 
 namespace {
@@ -29,7 +30,7 @@ struct TransportError : IOError {
 
 // A step is "!text" (TransportError), "?text" (std::runtime_error) or
 // "STATUS [Retry-After value]".
-WebResponse answer(const std::string& step) {
+WebResponse stepAnswer(const std::string& step) {
   if (step[0] == '!') throw TransportError(step.substr(1));
   if (step[0] == '?') throw std::runtime_error(step.substr(1));
   WebResponse response;
@@ -65,19 +66,17 @@ std::string outcome(const std::function<WebResponse()>& call) {
   }
 }
 
-// A step ending in " +stop" asks the daemon to stop (as SIGTERM does) during
-// the wait that follows it.
-struct ScriptedClient : HttpClient {
-  explicit ScriptedClient(std::vector<std::string> steps) : steps(std::move(steps)) {}
-  WebResponse perform(const WebRequest&) override {
-    std::string step = performed < steps.size() ? steps[performed++] : "?performed too often";
-    const size_t stop = step.find(" +stop");
-    stopInNextWait = stop != std::string::npos;
-    return answer(step.substr(0, stop));
-  }
-  void waitSeconds(unsigned int seconds) override {
-    waits.push_back(seconds);
-    terminationRequested.store(stopInNextWait);
+// A client whose attempts answer the steps in turn. A step ending in
+// " +stop" asks the daemon to stop (as SIGTERM does) before the wait that
+// follows it.
+struct ScriptedClient : nyxtest::FakeHttpClient {
+  explicit ScriptedClient(std::vector<std::string> steps) {
+    answer = [this, steps = std::move(steps)](const WebRequest&) {
+      std::string step = performed < steps.size() ? steps[performed++] : "?performed too often";
+      const size_t stop = step.find(" +stop");
+      terminationRequested.store(stop != std::string::npos);
+      return stepAnswer(step.substr(0, stop));
+    };
   }
   std::string run(uint32_t maxRetries) {
     WebRequest sent = request("https://messaging.example/poll");
@@ -86,11 +85,7 @@ struct ScriptedClient : HttpClient {
     terminationRequested.store(false);
     return ended;
   }
-
-  std::vector<std::string> steps;
   size_t performed = 0;
-  bool stopInNextWait = false;
-  std::vector<unsigned int> waits;
 };
 
 TEST(HttpClientTest, RetriesOnTheScheduleAndEndsWithTheRightOutcome) {
@@ -156,7 +151,7 @@ TEST(HttpClientTest, LogsEachAttemptAndWhyItRetries) {
 }
 
 TEST(HttpErrorsTest, MessagesListStatusHeadersAndBodyAndRaiseKeepsTheType) {
-  WebResponse response = answer("500 7");
+  WebResponse response = stepAnswer("500 7");
   response.setHeader("content-type", "text/plain");
   response.setBody(std::string("not\0here", 8));
   // Headers in map order; what() is a C string, so it ends at a zero byte.
@@ -167,9 +162,69 @@ TEST(HttpErrorsTest, MessagesListStatusHeadersAndBodyAndRaiseKeepsTheType) {
   EXPECT_EQ(server.what(), expected);
   EXPECT_EQ(server.getResponse().getBody(), response.getBody());
   EXPECT_EQ(outcome([&] { return asIOError.raise(), WebResponse(); }), "ServerError 500");
-  const ClientError client(answer("404"));
+  const ClientError client(stepAnswer("404"));
   EXPECT_EQ(outcome([&] { return client.raise(), WebResponse(); }), "ClientError 404");
   EXPECT_EQ(outcome([] { return IOError("down").raise(), WebResponse(); }), "IOError down");
+}
+
+// Requests and responses are values: copies are deep, and request equality
+// is byte-exact over every member and case-sensitive on header names.
+TEST(WebValuesTest, CopiesAreDeepAndRequestEqualityIsByteExact) {
+  struct Parts {
+    std::string url = "https://m.test/a?b=1";
+    const RequestMethod* method = &RequestMethod::POST;
+    std::string header = "Accept";
+    std::string value = "application/json";
+    std::string body = std::string("x\0y", 3);
+    uint32_t retries = 3;
+    uint32_t timeout = 30;
+  };
+  auto build = [](const Parts& parts) {
+    WebRequest built = request(parts.url, *parts.method, parts.body);
+    built.setHeader(parts.header, parts.value);
+    built.setMaxRetries(parts.retries);
+    built.setTimeout(parts.timeout);
+    return built;
+  };
+  const std::pair<std::function<void(Parts&)>, bool> cases[] = {
+      {[](Parts&) {}, true},
+      {[](Parts& p) { p.url = "https://m.test/a?b=2"; }, false},
+      {[](Parts& p) { p.method = &RequestMethod::GET; }, false},
+      {[](Parts& p) { p.header = "accept"; }, false},
+      {[](Parts& p) { p.value = "application/JSON"; }, false},
+      {[](Parts& p) { p.body = std::string("x\0z", 3); }, false},
+      {[](Parts& p) { p.body = "x"; }, false},
+      {[](Parts& p) { p.retries = 2; }, false},
+      {[](Parts& p) { p.timeout = 31; }, false},
+  };
+  const WebRequest base = build(Parts());
+  for (size_t row = 0; row < std::size(cases); ++row) {
+    SCOPED_TRACE(row);
+    Parts parts;
+    cases[row].first(parts);
+    const WebRequest other = build(parts);
+    EXPECT_EQ(base == other, cases[row].second);
+    EXPECT_EQ(base != other, !cases[row].second);
+  }
+  WebRequest copy(base);
+  WebRequest assigned;
+  assigned = base;
+  for (WebRequest* changed : {&copy, &assigned}) {
+    changed->setHeader("ACCEPT", "text/plain");
+    changed->setBody("other");
+    changed->setUrl("https://m.test/other");
+  }
+  EXPECT_TRUE(base == build(Parts()));
+  EXPECT_EQ(base.getHeaders(), (HeaderMap{{"Accept", "application/json"}}));
+
+  WebResponse response = stepAnswer("200 5");
+  WebResponse responseCopy(response);
+  responseCopy.setHeader("Retry-After", "6");
+  responseCopy.setBody("changed");
+  EXPECT_EQ(response.getHeader("RETRY-AFTER"), "5");
+  EXPECT_EQ(response.getBody(), "");
+  EXPECT_EQ(outcome([&] { return WebResponse(), response.getHeader("X-Missing"), response; }),
+            "other Attempted retrieval of non-existent header: X-Missing");
 }
 
 TEST(CurlHttpClientTest, SendsEveryRequestExactlyAsBuiltBodyIncluded) {
@@ -254,13 +309,13 @@ class DeviceTest : public testing::Test {
     static const nyxtest::TempDir dir;
     return dir.path() + "/server." + name;
   }
-  static LocalHttpServer::Options https() { return {file("pem"), file("key"), "", false}; }
+  static LocalHttpServer::Options https() { return {file("pem"), file("key"), false}; }
 
   nyxtest::NyxRoot root_;
 };
 
 TEST_F(DeviceTest, TrustsTheDeviceAnchorsAndUsesTheProxyOfTheProxiedInterface) {
-  LocalHttpServer origin, secureOrigin({}, https()), proxy({}, {"", "", "", true});
+  LocalHttpServer origin, secureOrigin({}, https()), proxy({}, {"", "", true});
   const auto refused = testing::StartsWith(std::string("IOError ") +
                                            curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION));
   const auto fetch = [&](CurlHttpClient&& client) {
@@ -291,35 +346,6 @@ TEST_F(DeviceTest, TrustsTheDeviceAnchorsAndUsesTheProxyOfTheProxiedInterface) {
     const auto seen = proxy.requests();
     ASSERT_LE(seen.size(), before + 1);
     EXPECT_EQ(seen.size() == before ? "" : seen.back().method + " " + seen.back().target, proxied);
-  }
-}
-
-TEST_F(DeviceTest, SignedRequestsVerifyOnTheServerUntilASignedPartChanges) {
-  root_.writePlatformFile("device-serial", "G090LF1234567890\n");
-  root_.writePlatformFile("device-secret", "device-secret-for-tests\n");
-  LocalHttpServer server({}, {"", "", "device-secret-for-tests", false});
-  // The customer, the method and target signed, a change after signing, the verdict.
-  const std::tuple<std::string, const RequestMethod&, std::string, void (*)(WebRequest&),
-                   std::string>
-      cases[] = {
-          {"A", RequestMethod::POST, "/register?app=x", nullptr, "valid"},
-          {"", RequestMethod::GET, "/devicemessaging/messages", nullptr, "valid"},
-          {"B", RequestMethod::POST, "/r?app=x", [](WebRequest& r) { r.setBody("{}"); }, "invalid"},
-          {"B", RequestMethod::POST, "/r?app=x",
-           [](WebRequest& r) { r.setUrl(r.getUrl() + "&v=2"); }, "invalid"},
-          {"B", RequestMethod::POST, "/r?app=x",
-           [](WebRequest& r) { r.setMethod(RequestMethod::GET); }, "invalid"},
-      };
-  for (const auto& [directedId, method, pathAndQuery, change, verdict] : cases) {
-    SCOPED_TRACE(directedId + " " + method.name() + " " + pathAndQuery);
-    WebRequest sent = request(server.url(pathAndQuery), method, std::string("{\0}", 3));
-    TesselRequestSigner(directedId).sign(sent);
-    if (change) change(sent);
-    TesselCurlHttpClient().perform(sent);
-    const auto seen = server.requests().back();
-    EXPECT_EQ(seen.signature, verdict);
-    EXPECT_EQ(seen.header("X-Device-Serial"), "G090LF1234567890");
-    EXPECT_EQ(seen.header("X-Device-Customer"), directedId);
   }
 }
 

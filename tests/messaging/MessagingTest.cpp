@@ -1,28 +1,23 @@
-// The messaging subsystem: unit tests over a fake HTTP client and a recording
-// bus sender, and one poll cycle over a real bus and a local HTTP server
-// (PollOverBusAndHttpTest, run as its own test: the bus handle is opened
-// once per process).
+// The messaging subsystem over a fake HTTP client and a recording bus sender.
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "daemon/common/Json.h"
 #include "daemon/common/Termination.h"
-#include "hbus.h"
 #include "http/HttpErrors.h"
 #include "messaging/Base64.h"
 #include "messaging/MessageCrc.h"
 #include "messaging/WispPollRequestHandler.h"
-#include "tests/support/LocalHttpServer.h"
+#include "tests/support/Fakes.h"
 #include "tests/support/TestSupport.h"
 
 namespace nyxtest {
@@ -69,55 +64,6 @@ std::string outboxEntry(const std::string& id, int status, bool retry = false) {
          R"(","gunzip":false,"options":{"flushTime":1}})";
 }
 
-// Answers every attempt at a URL with its (status, body); status 0 throws
-// IOError(body) instead, as does a URL with no answer.
-class FakeHttpClient : public HttpClient {
- public:
-  WebResponse perform(const WebRequest& request) override {
-    requests.push_back(request);
-    urls.push_back(request.getUrl());
-    const auto [status, body] = pages[request.getUrl()];
-    if (status == 0) {
-      throw IOError(body);
-    }
-    WebResponse response;
-    response.setStatusCode(status);
-    response.setBody(body);
-    return response;
-  }
-  void waitSeconds(unsigned int) override {}
-  std::map<std::string, std::pair<uint32_t, std::string>> pages;
-  std::vector<WebRequest> requests;
-  std::vector<std::string> urls;
-};
-
-// Records every write and answers with the service's scripted statuses, then 0.
-class RecordingSender : public IPCMessageSender {
- public:
-  int send(const std::string& service, const std::string& property,
-           const std::string& value) override {
-    sent.push_back({service, property, value});
-    auto& script = statuses[service];
-    const int status = script.empty() ? 0 : script.front();
-    if (!script.empty()) {
-      script.pop_front();
-    }
-    return status;
-  }
-  std::map<std::string, std::deque<int>> statuses;
-  std::vector<std::vector<std::string>> sent;  // service, property, value
-};
-
-class FakeSigner : public RequestSigner {
- public:
-  const std::string& getDirectedId() const override { return id_; }
-  void sign(WebRequest& request) override { request.setHeader("x-test-signed", "yes"); }
-  std::string signPayload(const unsigned char*, size_t) override { return ""; }
-
- private:
-  std::string id_ = "customer";
-};
-
 WispMessage makeMessage(const std::string& id, const std::string& topic, const std::string& payload,
                         const std::string& directed = "") {
   WispMessage message;
@@ -162,10 +108,65 @@ TEST(CodecTest, MatchesPublishedAnswers) {
   EXPECT_EQ(messageCrc32("", "123456789"), 0xCBF43926u);
 }
 
+// Edge and long inputs against Python's zlib and base64: the CRC-32 of the
+// bytes and that of their one-line base64 text, which decodes back to them.
+TEST(CodecTest, MatchesPythonOnEdgeAndLongInputs) {
+  auto allBytes = [](size_t times) {
+    std::string bytes;
+    for (size_t i = 0; i < 256 * times; ++i) {
+      bytes.push_back(static_cast<char>(i & 0xff));
+    }
+    return bytes;
+  };
+  auto pattern = [](size_t length) {  // bytes((i * 167 + (i >> 8)) & 0xff for i in range(n))
+    std::string bytes;
+    for (size_t i = 0; i < length; ++i) {
+      bytes.push_back(static_cast<char>((i * 167 + (i >> 8)) & 0xff));
+    }
+    return bytes;
+  };
+  const std::tuple<std::string, uint32_t, uint32_t> cases[] = {
+      {std::string(), 0x00000000u, 0x00000000u},
+      {allBytes(1), 0x29058C73u, 0xC30BBF65u},
+      {allBytes(400), 0x9A0E0C8Cu, 0xB6658585u},
+      {std::string(1, '\0'), 0xD202EF8Du, 0x4134031Cu},
+      {std::string(2, '\0'), 0x41D912FFu, 0xC2BE35E6u},
+      {std::string(3, '\0'), 0xFF41D912u, 0x9B0D08F1u},
+      {std::string(4, '\0'), 0x2144DF1Cu, 0xA38E17E7u},
+      {std::string(57, '\0'), 0xDDD1DE1Cu, 0x3725E770u},
+      {std::string(1, '\xff'), 0xFF000000u, 0xBA2B1A0Eu},
+      {std::string(2, '\xff'), 0xFFFF0000u, 0xA5F39143u},
+      {std::string(4, '\xff'), 0xFFFFFFFFu, 0x52852CC2u},
+      {std::string(100, '\xff'), 0x03D28681u, 0xC6F977D4u},
+      {pattern(2), 0x096B24B4u, 0x689BF610u},
+      {pattern(3), 0x8F639FABu, 0x99D170C7u},
+      {pattern(299), 0xDA37AD58u, 0x151EE046u},
+      {pattern(4095), 0x9645B394u, 0x776C2487u},
+      {pattern(4096), 0x669F1409u, 0xA9E50CA8u},
+      {pattern(65536), 0x5B5A2981u, 0xBE8F8724u},
+  };
+  for (const auto& [bytes, crc, textCrc] : cases) {
+    SCOPED_TRACE(bytes.size());
+    const std::string text = base64(bytes);
+    EXPECT_EQ(messageCrc32("", bytes), crc);
+    EXPECT_EQ(messageCrc32("", text), textCrc);
+    EXPECT_EQ(decoded(text), bytes);
+  }
+}
+
 class MessagingTest : public ::testing::Test {
  protected:
   MessagingTest() {
     root_.setConfig({{"url.devicemessaging.getmessages", kPage1}});
+    // Each URL's (status, body); status 0 throws IOError(body) instead, as
+    // does a URL with no answer.
+    client_->answer = [this](const WebRequest& request) {
+      const auto [status, body] = pages_[request.getUrl()];
+      if (status == 0) {
+        throw IOError(body);
+      }
+      return response(status, body);
+    };
     fetcher_ = std::make_shared<WispMessageFetcher>(client_, std::make_shared<FakeSigner>());
     handler_ = std::make_unique<WispPollRequestHandler>(fetcher_, dispatcher_, purger_);
   }
@@ -188,6 +189,7 @@ class MessagingTest : public ::testing::Test {
 
   NyxRoot root_;
   LogCapture log_;
+  std::map<std::string, std::pair<uint32_t, std::string>> pages_;
   std::shared_ptr<FakeHttpClient> client_ = std::make_shared<FakeHttpClient>();
   std::shared_ptr<RecordingSender> sender_ = std::make_shared<RecordingSender>();
   std::shared_ptr<WispMessageFetcher> fetcher_;
@@ -218,12 +220,12 @@ TEST_F(MessagingTest, FetchPagesUntilNoNextPageWithOneCallMoreAfterMessages) {
           {deepArray, {false}, {kPage1}, notJson},
           {R"({"other":)" + deepArray + "}", {false}, {kPage1}, ""},
       };
-  client_->pages[kPage2] = {200, R"({"messages":[]})"};
+  pages_[kPage2] = {200, R"({"messages":[]})"};
   for (const auto& [page1, expected, expectedUrls, error] : cases) {
     SCOPED_TRACE(page1);
-    client_->urls.clear();
+    client_->requests.clear();
     log_.clear();
-    client_->pages[kPage1] = {200, page1};
+    pages_[kPage1] = {200, page1};
     fetcher_->reset();
     std::list<WispMessage> messages;
     std::vector<bool> results;
@@ -231,7 +233,7 @@ TEST_F(MessagingTest, FetchPagesUntilNoNextPageWithOneCallMoreAfterMessages) {
       results.push_back(fetcher_->fetchNextPage(WispPollReason::NUDGE, messages));
     }
     EXPECT_EQ(results, expected);
-    EXPECT_EQ(client_->urls, expectedUrls);
+    EXPECT_EQ(client_->urls(), expectedUrls);
     EXPECT_EQ(log_.count("ERROR"), error.empty() ? 0u : 1u);
     EXPECT_TRUE(error.empty() || log_.count(error) == 1u);
   }
@@ -257,6 +259,7 @@ TEST_F(MessagingTest, FetchKeepsMessagesWhoseCrcMatchesAndDropsBadElementsAlone)
       {element(R"("id":"m","payload":"")" + crc), std::nullopt, bad + R"(missing "topic")"},
       {element(R"("id":"m","topic":"t","payload":null)" + crc), std::nullopt,
        bad + R"(missing "payload")"},
+      {element(R"("id":"m","topic":"t","payload":"","directedCustomerId":null)" + crc), "", ""},
       {element(R"("id":"m","topic":"t","payload":"","directedCustomerId":1)" + crc), std::nullopt,
        bad + R"("directedCustomerId" is not a string)"},
       {element(R"("id":"m","topic":"t","payload":"","crc":-1)"), std::nullopt,
@@ -265,8 +268,8 @@ TEST_F(MessagingTest, FetchKeepsMessagesWhoseCrcMatchesAndDropsBadElementsAlone)
   for (const auto& [middle, kept, error] : cases) {
     SCOPED_TRACE(middle);
     log_.clear();
-    client_->pages[kPage1] = {200, pageJson(messageJson("a", "t", "1") + "," + middle + "," +
-                                            messageJson("b", "t", "2"))};
+    pages_[kPage1] = {200, pageJson(messageJson("a", "t", "1") + "," + middle + "," +
+                                    messageJson("b", "t", "2"))};
     fetcher_->reset();
     std::list<WispMessage> messages;
     EXPECT_TRUE(fetcher_->fetchNextPage(WispPollReason::NUDGE, messages));
@@ -361,17 +364,16 @@ TEST_F(MessagingTest, PollRepeatsUnresponsiveDeliveriesAfterEachPageAndEndsOnAnI
       {{1}, {0, "Couldn't connect"}, {}, ioError + "Couldn't connect"},
       {{1}, {503, "busy"}, {}, ioError + "Status Code: 503\n"},
   };
-  client_->pages[kPage1] = {
+  pages_[kPage1] = {
       200, pageJson(messageJson("m1", "svc.busy", "a") + "," + messageJson("m2", "svc.ok", "b"),
                     kPage2)};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.error + ::testing::PrintToString(c.busy));
     sender_->sent.clear();
     client_->requests.clear();
-    client_->urls.clear();
     log_.clear();
     sender_->statuses["svc.busy"] = {c.busy.begin(), c.busy.end()};
-    client_->pages[kPage2] = c.page2;
+    pages_[kPage2] = c.page2;
     handler_->handlePoll(WispPollReason::ManualSync);
     std::vector<std::string> traffic = firstPage;
     traffic.insert(traffic.end(), c.laterTraffic.begin(), c.laterTraffic.end());
@@ -380,108 +382,28 @@ TEST_F(MessagingTest, PollRepeatsUnresponsiveDeliveriesAfterEachPageAndEndsOnAnI
     // times, and the call after the last page with messages makes no request.
     std::vector<std::string> expectedUrls(c.error.empty() ? 2 : 5, kPage2);
     expectedUrls[0] = kPage1;
-    ASSERT_EQ(client_->urls, expectedUrls);
+    ASSERT_EQ(client_->urls(), expectedUrls);
     for (const auto& request : client_->requests) {
       EXPECT_EQ(request.getMethod(), RequestMethod::GET);
       EXPECT_EQ(request.getMaxRetries(), 3u);
       EXPECT_EQ(request.getHeaders(), (HeaderMap{{"accept", "application/json"},
-                                                 {"x-test-signed", "yes"},
+                                                 {"x-test-signed", "account-1"},
                                                  {"x-zvo-reason", "ManualSync"}}));
     }
     EXPECT_EQ(log_.count(c.error.empty() ? "IOError" : c.error), c.error.empty() ? 0u : 1u);
   }
   // A stop ends the cycle after the page in hand.
   sender_->sent.clear();
-  client_->urls.clear();
+  client_->requests.clear();
   sender_->statuses["svc.busy"] = {0};
   terminationRequested.store(true);
   handler_->handlePoll(WispPollReason::NUDGE);
   terminationRequested.store(false);
-  EXPECT_EQ(client_->urls, std::vector<std::string>{kPage1});
+  EXPECT_EQ(client_->urls(), std::vector<std::string>{kPage1});
   EXPECT_EQ(busTraffic(),
             (std::vector<std::string>{"svc.busy:m1", "purge:m1/1", "svc.ok:m2", "purge:m2/1"}));
-  client_->pages[kPage2] = {404, ""};  // any other failure ends the task
+  pages_[kPage2] = {404, ""};  // any other failure ends the task
   EXPECT_THROW(handler_->handlePoll(WispPollReason::NUDGE), ClientError);
-}
-
-// Publishes one string property on the bus and records every value written
-// into it, answering with the scripted statuses, then 0.
-class RecordingService {
- public:
-  RecordingService(const char* service, const char* property, std::vector<int> statuses = {})
-      : statuses_(std::move(statuses)) {
-    int status = -1;
-    handle_.reset(HbusInitEx(service, &status));
-    if (status != 0 || handle_ == nullptr ||
-        HbusRegisterStringProperty(handle_.get(), property, nullptr, &onWrite, this) != 0 ||
-        HbusStartListener(handle_.get()) != 0) {
-      throw std::runtime_error(std::string("cannot publish ") + service);
-    }
-  }
-  std::vector<std::string> values() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return values_;
-  }
-
- private:
-  // Runs on the bus listener thread.
-  static int onWrite(HbusHandleStruct*, const char*, const char* value, void* data) {
-    auto* self = static_cast<RecordingService*>(data);
-    std::lock_guard<std::mutex> lock(self->mutex_);
-    self->values_.push_back(value != nullptr ? value : "(null)");
-    const size_t n = self->values_.size();
-    return n <= self->statuses_.size() ? self->statuses_[n - 1] : 0;
-  }
-  std::unique_ptr<HbusHandleStruct, decltype(&HbusClose)> handle_{nullptr, HbusClose};
-  mutable std::mutex mutex_;
-  std::vector<std::string> values_;
-  std::vector<int> statuses_;
-};
-
-TEST(PollOverBusAndHttpTest, DeliversTwoPagesAndPurgesFinalOutcomes) {
-  PrivateBus bus;
-  NyxRoot root;
-  LocalHttpServer::Options options;
-  options.signingSecret = "device-secret";
-  LocalHttpServer server({}, options);
-  const std::string raw("raw\0bytes", 9);
-  const std::string app = R"({"registrationId":"r","senderId":"s",)"
-                          R"("appInfo":{"service.name":"com.example.app"},"data":{"t":"hi"}})";
-  HttpAnswer page1(200, {},
-                   pageJson(messageJson("m1", "com.example.receiver", raw) + "," +
-                                messageJson("m2", kNyxTopicPrefix + "app", app, R"("cust-1")"),
-                            server.url("/messages/2?cursor=abc")));
-  HttpAnswer page2(200, {},
-                   pageJson(messageJson("m3", "com.example.nobody", "x") + "," +
-                            messageJson("m4", "com.example.receiver", "last", "null")));
-  page1.path = "/messages";
-  page2.path = "/messages/2";
-  server.setScript({page1, page2});
-  root.setConfig({{"url.devicemessaging.getmessages", server.url("/messages")}});
-  root.writePlatformFile("device-serial", "SERIAL-0099\n");
-  root.writePlatformFile("device-secret", "device-secret\n");
-  root.writePlatformFile("customer", "customer-7\n");
-  // Busy for m1 at first, so m1 goes out again after page 2, ahead of its own.
-  RecordingService receiver("com.example.receiver", "wisp_message", {42});
-  RecordingService appService("com.example.app", "nyx_message");
-  RecordingService outbox("com.corvid.outbox", "queueMessage");
-
-  WispPollRequestHandler("customer-7").handlePoll(WispPollReason::NUDGE);
-
-  const auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(requests[0].target, "/messages");
-  EXPECT_EQ(requests[1].target, "/messages/2?cursor=abc");
-  EXPECT_EQ(requests[0].signature + requests[1].signature, "validvalid");
-  EXPECT_EQ(receiver.values(),
-            (std::vector<std::string>{deliveryJson("m1", raw), deliveryJson("m1", raw),
-                                      deliveryJson("m4", "last")}));
-  EXPECT_EQ(appService.values(),
-            std::vector<std::string>{deliveryJson(
-                "m2", R"({"collapse_key":"do_not_collapse","from":"s","t":"hi"})", "cust-1")});
-  EXPECT_EQ(outbox.values(),
-            (std::vector<std::string>{outboxEntry("m2", 1), outboxEntry("m1", 1),
-                                      outboxEntry("m3", 103), outboxEntry("m4", 1)}));
 }
 
 }  // namespace

@@ -1,42 +1,34 @@
 // The registration subsystem: the cache against real SQLite files read back
-// with the sqlite3 shell (NYXRegistrationCacheTest), the registrar and the
-// request handler over a scripted transport and a recording bus sender, and
-// one application over a real bus and a local HTTP server
-// (RegistrationOverBusAndHttpTest). CMake runs the three as separate tests.
+// with the sqlite3 shell, the registrar, the responder and the request
+// handler over a scripted transport and a recording bus sender.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <functional>
-#include <iterator>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
 
-#include "daemon/common/IPCMessageSender.h"
-#include "hbus.h"
-#include "http/HttpClient.h"
 #include "http/HttpErrors.h"
-#include "http/RequestSigner.h"
 #include "registration/NYXRegistrar.h"
 #include "registration/NYXRegistrationCache.h"
 #include "registration/NYXRegistrationError.h"
 #include "registration/NYXRegistrationRequestHandler.h"
 #include "registration/NYXRegistrationResponder.h"
-#include "tests/support/LocalHttpServer.h"
+#include "tests/support/Fakes.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
 const AppInfoMap kApp = {{"service.name", "com.example.app"}};
 const AppInfoMap kNoInstance;
+const std::string kAppText = "app 'service.name=>com.example.app'";
 const auto& kDevice = NYXRegistrationScope::Device;
 const auto& kCustomer = NYXRegistrationScope::DeviceCustomer;
 const auto& kAppInitiated = NYXRegistrationReason::AppInitiated;
@@ -222,52 +214,12 @@ TEST_F(NYXRegistrationCacheTest, FileThatIsNotADatabaseFailsToOpenWithSqlitesRea
   EXPECT_EQ(nyxtest::readFile(file()), std::string(4096, 'x'));
 }
 
-// Answers every attempt through answer; the client's own retries run on top.
-class ScriptedHttpClient : public HttpClient {
- public:
-  WebResponse perform(const WebRequest& request) override {
-    requests.push_back(request);
-    return answer(request);
-  }
-  void waitSeconds(unsigned int) override {}
-  std::function<WebResponse(const WebRequest&)> answer;
-  std::vector<WebRequest> requests;
-};
-
+// A JSON answer, as the servers send.
 std::function<WebResponse(const WebRequest&)> reply(uint32_t status, const std::string& body) {
   return [=](const WebRequest&) {
-    WebResponse response;
-    response.setStatusCode(status);
-    response.setHeader("Content-Type", "application/json");
-    response.setBody(body);
-    return response;
+    return nyxtest::response(status, body, {{"Content-Type", "application/json"}});
   };
 }
-
-// Signs with a fixed header and records the body it signed, which must be
-// the request's final body.
-class FakeSigner : public RequestSigner {
- public:
-  const std::string& getDirectedId() const override { return directedId; }
-  void sign(WebRequest& request) override {
-    signedBodies.push_back(request.getBody());
-    request.setHeader("X-Test-Signature", "signed-for-" + directedId);
-  }
-  std::string signPayload(const unsigned char*, size_t) override { return ""; }
-  std::string directedId = "account-1";
-  std::vector<std::string> signedBodies;
-};
-
-// Records every write to the bus as "service property value".
-class RecordingSender : public IPCMessageSender {
- public:
-  int send(const std::string& service, const std::string& property,
-           const std::string& value) override {
-    writes.push_back(service + " " + property + " " + value);
-    return 0;
-  }
-  std::vector<std::string> writes;
-};
 
 class RegistrarTest : public ::testing::Test {
  protected:
@@ -285,12 +237,24 @@ class RegistrarTest : public ::testing::Test {
   }
   // What the handler did: its exception, or the answer the application got.
   std::string handle(const std::function<void()>& action) {
-    sender_->writes.clear();
+    sender_->sent.clear();
     return outcomeOf([&] {
       action();
-      EXPECT_LE(sender_->writes.size(), 1u);
-      return sender_->writes.empty() ? "(no answer)" : sender_->writes[0];
+      EXPECT_LE(sender_->sent.size(), 1u);
+      return sender_->sent.empty()
+                 ? "(no answer)"
+                 : sender_->sent[0][0] + " " + sender_->sent[0][1] + " " + sender_->sent[0][2];
     });
+  }
+  // The registrar's own log lines.
+  std::vector<std::string> registrarLines() const {
+    std::vector<std::string> lines;
+    for (const std::string& line : logs_.lines()) {
+      if (line.find(" NYXRegistrar: ") != std::string::npos) {
+        lines.push_back(line);
+      }
+    }
+    return lines;
   }
   // Every attempt is the one request, signed once with its final body.
   void expectRequest(const std::string& url, const std::string& reason, const std::string& body) {
@@ -301,7 +265,7 @@ class RegistrarTest : public ::testing::Test {
       EXPECT_EQ(request.getHeaders(), (HeaderMap{{"accept", "application/json"},
                                                  {"content-type", "application/json"},
                                                  {"x-zvo-reason", reason},
-                                                 {"X-Test-Signature", "signed-for-account-1"}}));
+                                                 {"x-test-signed", "account-1"}}));
       EXPECT_EQ(request.getMaxRetries(), 3u);
       EXPECT_EQ(request.getBody(), body);
     }
@@ -311,9 +275,9 @@ class RegistrarTest : public ::testing::Test {
   nyxtest::NyxRoot root_;
   nyxtest::LogCapture logs_;
   std::shared_ptr<NYXRegistrationCache> cache_;
-  std::shared_ptr<ScriptedHttpClient> client_ = std::make_shared<ScriptedHttpClient>();
-  std::shared_ptr<FakeSigner> signer_ = std::make_shared<FakeSigner>();
-  std::shared_ptr<RecordingSender> sender_ = std::make_shared<RecordingSender>();
+  std::shared_ptr<nyxtest::FakeHttpClient> client_ = std::make_shared<nyxtest::FakeHttpClient>();
+  std::shared_ptr<nyxtest::FakeSigner> signer_ = std::make_shared<nyxtest::FakeSigner>();
+  std::shared_ptr<nyxtest::RecordingSender> sender_ = std::make_shared<nyxtest::RecordingSender>();
   std::shared_ptr<NYXRegistrar> registrar_;
   std::unique_ptr<NYXRegistrationRequestHandler> handler_;
 };
@@ -341,6 +305,7 @@ TEST_F(RegistrarTest, SendsTheExactSignedRequestOnceAndThenAnswersFromTheCache) 
     SCOPED_TRACE(body);
     client_->requests.clear();
     signer_->signedBodies.clear();
+    logs_.clear();
     client_->answer = reply(200, R"({"registrationID":"reg-1","other":1})");
 
     EXPECT_EQ(registrar_->registerApp(senders, kApp, instance, scope, reason), "reg-1");
@@ -348,6 +313,17 @@ TEST_F(RegistrarTest, SendsTheExactSignedRequestOnceAndThenAnswersFromTheCache) 
 
     EXPECT_EQ(client_->requests.size(), 1u);
     expectRequest("https://m.test/register?device=1", reason.name(), body);
+    std::string joined;
+    for (const std::string& sender : senders) {
+      joined += (joined.empty() ? "" : ", ") + sender;
+    }
+    const std::string what = kAppText + " with senders '" + joined + "' due to '" + reason.name();
+    EXPECT_EQ(registrarLines(),
+              (std::vector<std::string>{"INFO NYXRegistrar: Request to register " + what + "'",
+                                        "INFO NYXRegistrar: Successfully registered " + kAppText +
+                                            ". RegistrationId is 'reg-1'",
+                                        "WARN NYXRegistrar: Spurious call for registration of " +
+                                            what + "', has been ignored"}));
     cache_->remove("reg-1");
   }
 }
@@ -431,38 +407,40 @@ TEST_F(RegistrarTest, FailuresAreAnsweredOrPassedOnUnchangedAndLeaveTheCacheAlon
   }
 }
 
-// Thousands of registration tasks may wait in the queue (an application
-// writing "nyx_register" in a loop); their handlers must not hold the cache
-// open, or the daemon runs out of file descriptors.
-TEST_F(RegistrarTest, HandlersWaitingForTheirTaskHoldNoOpenFile) {
-  auto openFiles = [] {
-    const std::filesystem::directory_iterator fds("/proc/self/fd");
-    return std::distance(begin(fds), end(fds));
-  };
-  const auto before = openFiles();
-  std::vector<std::unique_ptr<NYXRegistrationRequestHandler>> queued;
-  for (int task = 0; task < 1000; ++task) {
-    queued.push_back(std::make_unique<NYXRegistrationRequestHandler>("customer-1"));
-  }
-  EXPECT_EQ(openFiles(), before);
-}
-
 // The entry goes before the server is asked, so a failed revocation still
 // leaves the application unregistered on the device.
 TEST_F(RegistrarTest, UnregistrationRemovesTheCacheEntryBeforeTheRequest) {
   const std::string answer = "com.example.app nyx_registration ";
-  const std::tuple<bool, std::function<WebResponse(const WebRequest&)>, std::string> cases[] = {
-      {true, reply(200, "not JSON"),
-       answer + R"({"old_registration_id":"reg-1","unregistered":true})"},
-      {false, reply(200, ""), answer + R"({"old_registration_id":"","unregistered":true})"},
-      {true, reply(500, "down"),
-       answer + R"({"error":"ServiceNotAvailable","error_description":"Status Code: 500)" +
-           R"(\nContent-Type: application/json\ndown"})"},
-      {true, reply(404, "gone"),
-       "ClientError Status Code: 404\nContent-Type: application/json\ngone"},
-  };
-  for (const auto& [registered, server, outcome] : cases) {
+  const std::string request =
+      "INFO NYXRegistrar: Request to unregister " + kAppText + " due to 'AppInitiated'";
+  // Registered before, the server's answer, what the handler did and the
+  // registrar's log lines.
+  const std::tuple<bool, std::function<WebResponse(const WebRequest&)>, std::string,
+                   std::vector<std::string>>
+      cases[] = {
+          {true,
+           reply(200, "not JSON"),
+           answer + R"({"old_registration_id":"reg-1","unregistered":true})",
+           {request, "INFO NYXRegistrar: Successfully unregistered " + kAppText +
+                         ". Old RegistrationId was 'reg-1'"}},
+          {false,
+           reply(200, ""),
+           answer + R"({"old_registration_id":"","unregistered":true})",
+           {"WARN NYXRegistrar: Spurious call for unregistration of " + kAppText +
+            " due to 'AppInitiated', has been ignored"}},
+          {true,
+           reply(500, "down"),
+           answer + R"({"error":"ServiceNotAvailable","error_description":"Status Code: 500)" +
+               R"(\nContent-Type: application/json\ndown"})",
+           {request}},
+          {true,
+           reply(404, "gone"),
+           "ClientError Status Code: 404\nContent-Type: application/json\ngone",
+           {request}},
+      };
+  for (const auto& [registered, server, outcome, lines] : cases) {
     SCOPED_TRACE(outcome);
+    logs_.clear();
     client_->requests.clear();
     signer_->signedBodies.clear();
     if (registered) {
@@ -477,9 +455,46 @@ TEST_F(RegistrarTest, UnregistrationRemovesTheCacheEntryBeforeTheRequest) {
               outcome);
     EXPECT_EQ(cached(), "");
     EXPECT_EQ(cachedAtRequest, registered ? "" : "(no request)");
+    EXPECT_EQ(registrarLines(), lines);
     if (registered) {
       expectRequest("https://m.test/unregister", "AppInitiated", R"({"registrationId":"reg-1"})");
     }
+  }
+}
+
+// The outcome of writing an answer is logged by the bus status: sent,
+// unroutable (no such service or property: an error) or unresponsive (a
+// warning).
+TEST_F(RegistrarTest, ResponderLogsEachBusStatusAtItsLevel) {
+  const std::string tag = "NYXRegistrationResponder: ";
+  const std::string unroutable = "ERROR " + tag +
+                                 "Service unroutable or missing property. "
+                                 "Service: com.example.app Property: nyx_registration";
+  // The bus status and the line logged for a successful and a failed answer.
+  const std::tuple<int, std::string, std::string> cases[] = {
+      {0, "INFO " + tag + "Sent successful registration response to com.example.app",
+       "INFO " + tag + "Sent failed registration response to com.example.app"},
+      {3, unroutable, unroutable},
+      {8, unroutable, unroutable},
+      {1, "WARN " + tag + "Service unresponsive. Service: com.example.app Status: 1",
+       "WARN " + tag + "Service unresponsive. Service: com.example.app Status: 1"},
+      {-5, "WARN " + tag + "Service unresponsive. Service: com.example.app Status: -5",
+       "WARN " + tag + "Service unresponsive. Service: com.example.app Status: -5"},
+  };
+  NYXRegistrationResponder responder(sender_);
+  for (const auto& [status, success, failure] : cases) {
+    SCOPED_TRACE(status);
+    logs_.clear();
+    sender_->statuses["com.example.app"] = {status, status};
+    responder.respondSuccess("com.example.app", "reg-1", NYXRegistrationState::Registered);
+    responder.respondFailure(
+        "com.example.app",
+        NYXRegistrationError(NYXRegistrationErrorCode::ServiceNotAvailable, "down"));
+    EXPECT_EQ(
+        logs_.lines(),
+        (std::vector<std::string>{
+            "INFO " + tag + "Sending successful registration response to com.example.app", success,
+            "INFO " + tag + "Sending failed registration response to com.example.app", failure}));
   }
 }
 
@@ -494,79 +509,6 @@ TEST(NYXRegistrationErrorTest, CarriesCodeAndDescriptionAndKeepsItsTypeWhenRaise
   const IOError& base = error;
   EXPECT_EQ(outcomeOf([&] { return base.raise(), std::string(); }),
             "NYXRegistrationError ServiceNotAvailable: down");
-}
-
-// An application on the bus that publishes "nyx_registration" and keeps
-// every answer written into it.
-class AnsweringApp {
- public:
-  AnsweringApp() {
-    int status = -1;
-    handle_.reset(HbusInitEx("com.example.registering.app", &status));
-    if (status != 0 || handle_ == nullptr ||
-        HbusRegisterStringProperty(handle_.get(), "nyx_registration", nullptr, &onWrite, this) !=
-            0 ||
-        HbusStartListener(handle_.get()) != 0) {
-      throw std::runtime_error("cannot publish nyx_registration");
-    }
-  }
-  std::vector<std::string> answers() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return answers_;
-  }
-
- private:
-  // Runs on the bus listener thread.
-  static int onWrite(HbusHandleStruct*, const char*, const char* value, void* data) {
-    auto* app = static_cast<AnsweringApp*>(data);
-    std::lock_guard<std::mutex> lock(app->mutex_);
-    app->answers_.push_back(value != nullptr ? value : "(null)");
-    return 0;
-  }
-  std::unique_ptr<HbusHandleStruct, decltype(&HbusClose)> handle_{nullptr, HbusClose};
-  mutable std::mutex mutex_;
-  std::vector<std::string> answers_;
-};
-
-TEST(RegistrationOverBusAndHttpTest, AppIsRegisteredWithASignedRequestAndToldItsIdentifier) {
-  nyxtest::PrivateBus bus;
-  nyxtest::NyxRoot root;
-  nyxtest::LocalHttpServer::Options options;
-  options.signingSecret = "device-secret";
-  nyxtest::HttpAnswer registered(200, {}, R"({"registrationID":"reg-1"})");
-  registered.path = "/v1/register";
-  nyxtest::HttpAnswer unregistered(200);
-  unregistered.path = "/v1/unregister";
-  nyxtest::LocalHttpServer server({registered, unregistered}, options);
-  root.setConfig({{"url.devicemessaging.registration", server.url("/v1/register?device=7")},
-                  {"url.devicemessaging.unregistration", server.url("/v1/unregister")}});
-  root.writePlatformFile("device-serial", "SERIAL-0042\n");
-  root.writePlatformFile("device-secret", "device-secret\n");
-  root.writePlatformFile("customer", "customer-1\n");
-  AnsweringApp app;
-  const char service[] = "com.example.registering.app";
-
-  NYXRegistrationRequestHandler("customer-1").handleRegister(service, "s-1, s-2", kAppInitiated);
-  // A second handler, as for the next task, answers from the cache file.
-  NYXRegistrationRequestHandler("customer-1").handleRegister(service, "s-1 s-2", kAppInitiated);
-  NYXRegistrationRequestHandler("customer-1").handleUnregister(service, kAppInitiated);
-
-  EXPECT_EQ(app.answers(), (std::vector<std::string>{
-                               R"({"registration_id":"reg-1"})", R"({"registration_id":"reg-1"})",
-                               R"({"old_registration_id":"reg-1","unregistered":true})"}));
-  const auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(requests[0].target, "/v1/register?device=7");
-  EXPECT_EQ(requests[0].body, R"({"platform":"Tessel","allowedSenders":["s-1","s-2"],)"
-                              R"("appInfo":{"service.name":"com.example.registering.app"},)"
-                              R"("target":"DeviceCustomer"})");
-  EXPECT_EQ(requests[0].header("X-Device-Customer"), "customer-1");
-  EXPECT_EQ(requests[1].target, "/v1/unregister");
-  EXPECT_EQ(requests[1].body, R"({"registrationId":"reg-1"})");
-  EXPECT_EQ(requests[0].signature + requests[1].signature, "validvalid");
-  EXPECT_EQ(NYXRegistrationCache(root.file("var/local/nyx_registration_cache.db"))
-                .findForUnregistration({{"service.name", service}}, {}, kCustomer, "customer-1"),
-            "");
 }
 
 }  // namespace

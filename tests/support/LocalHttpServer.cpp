@@ -1,5 +1,6 @@
 #include "tests/support/LocalHttpServer.h"
 
+#include <openssl/evp.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -13,37 +14,22 @@ namespace nyxtest {
 
 namespace {
 
-const char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
 std::string encodeBase64(const std::string& bytes) {
-  std::string text;
-  for (size_t i = 0; i < bytes.size(); i += 3) {
-    const size_t left = bytes.size() - i;
-    unsigned n = 0;
-    for (size_t j = 0; j < 3; ++j) {
-      n = n << 8 | (j < left ? static_cast<unsigned char>(bytes[i + j]) : 0u);
-    }
-    for (size_t j = 0; j < 4; ++j) {
-      text += j <= left ? kBase64[(n >> (18 - 6 * j)) & 63] : '=';
-    }
-  }
+  std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+  text.resize(static_cast<size_t>(EVP_EncodeBlock(
+      reinterpret_cast<unsigned char*>(text.data()),
+      reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()))));
   return text;
 }
 
+// EVP_DecodeBlock counts the zero bytes that padding stands for: drop them.
 std::string decodeBase64(const std::string& text) {
-  std::string bytes;
-  unsigned n = 0;
-  int bits = 0;
-  for (char c : text) {
-    const char* found = c == '\0' ? nullptr : strchr(kBase64, c);
-    if (found != nullptr) {  // else padding
-      n = n << 6 | static_cast<unsigned>(found - kBase64);
-      if ((bits += 6) >= 8) {
-        bits -= 8;
-        bytes += static_cast<char>((n >> bits) & 0xff);
-      }
-    }
-  }
+  std::string bytes(3 * text.size() / 4 + 1, '\0');
+  const int length = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
+                                     reinterpret_cast<const unsigned char*>(text.data()),
+                                     static_cast<int>(text.size()));
+  const size_t padding = static_cast<size_t>(std::count(text.begin(), text.end(), '='));
+  bytes.resize(length < 0 ? 0 : static_cast<size_t>(length) - padding);
   return bytes;
 }
 
@@ -69,10 +55,6 @@ std::string scriptJson(const std::vector<HttpAnswer>& script) {
     }
     writer.Key("delay");
     writer.Double(answer.delaySeconds);
-    writer.Key("close_mid_body");
-    writer.Bool(answer.closeMidBody);
-    writer.Key("repeat");
-    writer.Bool(answer.repeat);
     writer.Key("hold");
     writer.Bool(answer.hold);
     writer.EndObject();
@@ -81,22 +63,15 @@ std::string scriptJson(const std::vector<HttpAnswer>& script) {
   return buffer.GetString();
 }
 
-template <typename Headers>
-auto findHeader(const Headers& headers, const std::string& name) {
-  return std::find_if(headers.begin(), headers.end(), [&](const auto& entry) {
-    return strcasecmp(entry.first.c_str(), name.c_str()) == 0;
-  });
-}
-
 }  // namespace
 
 std::string RecordedRequest::header(const std::string& name) const {
-  auto found = findHeader(headers, name);
-  return found == headers.end() ? "" : found->second;
-}
-
-bool RecordedRequest::hasHeader(const std::string& name) const {
-  return findHeader(headers, name) != headers.end();
+  for (const auto& [present, value] : headers) {
+    if (strcasecmp(present.c_str(), name.c_str()) == 0) {
+      return value;
+    }
+  }
+  return "";
 }
 
 LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script)
@@ -113,9 +88,6 @@ LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script, const Op
     child.argv.insert(child.argv.end(), {"--tls", options.certificateFile, options.keyFile});
     scheme_ = "https";
   }
-  if (!options.signingSecret.empty()) {
-    child.argv.insert(child.argv.end(), {"--signing-secret", options.signingSecret});
-  }
   if (options.proxy) {
     child.argv.push_back("--proxy");
   }
@@ -131,14 +103,6 @@ LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script, const Op
 
 std::string LocalHttpServer::url(const std::string& pathAndQuery) const {
   return scheme_ + "://127.0.0.1:" + std::to_string(port_) + pathAndQuery;
-}
-
-void LocalHttpServer::setScript(const std::vector<HttpAnswer>& script) {
-  process_->writeInput(scriptJson(script) + "\n");
-  if (!process_->waitForLine("script loaded " + std::to_string(++loads_), milliseconds(10000))) {
-    throw std::runtime_error("the local HTTP server did not load the script: " +
-                             process_->output());
-  }
 }
 
 void LocalHttpServer::release() {
@@ -158,9 +122,6 @@ std::vector<RecordedRequest> LocalHttpServer::requests() const {
     request.method = entry["method"].GetString();
     request.target = entry["target"].GetString();
     request.body = decodeBase64(entry["body_base64"].GetString());
-    if (entry.HasMember("signature")) {
-      request.signature = entry["signature"].GetString();
-    }
     for (const auto& pair : entry["headers"].GetArray()) {
       request.headers.emplace_back(pair[0].GetString(), pair[1].GetString());
     }

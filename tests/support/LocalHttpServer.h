@@ -27,10 +27,6 @@ struct HttpAnswer {
   // When not empty, only a request for this path (query left out) takes it.
   std::string path;
   double delaySeconds = 0;
-  // Send the headers and half of the body, then close the connection.
-  bool closeMidBody = false;
-  // Never used up.
-  bool repeat = false;
   // Not sent before release() (or the server's end): a server holding its
   // answer for as long as the test needs.
   bool hold = false;
@@ -43,12 +39,9 @@ struct RecordedRequest {
   // In the order received.
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
-  // With Options::signingSecret: "valid", "invalid" or "missing"; else "".
-  std::string signature;
 
   // The first value of the header in any letter case, or "".
   std::string header(const std::string& name) const;
-  bool hasHeader(const std::string& name) const;
 };
 
 class LocalHttpServer {
@@ -57,8 +50,6 @@ class LocalHttpServer {
     // Both set: serve HTTPS with this certificate chain and key (PEM files).
     std::string certificateFile;
     std::string keyFile;
-    // Check each request's device signature under this secret.
-    std::string signingSecret;
     // Be a forward proxy (CONNECT and absolute-form requests) instead.
     bool proxy = false;
   };
@@ -72,8 +63,6 @@ class LocalHttpServer {
   int port() const { return port_; }
   // "http://127.0.0.1:PORT" (or https) followed by pathAndQuery.
   std::string url(const std::string& pathAndQuery = "/") const;
-  // Replaces the script, dropping unused answers; returns once it is loaded.
-  void setScript(const std::vector<HttpAnswer>& script);
   // Lets every held answer go, now and from now on.
   void release();
   // Every request received so far, oldest first.
@@ -84,7 +73,6 @@ class LocalHttpServer {
   std::unique_ptr<ChildProcess> process_;
   std::string scheme_ = "http";
   int port_ = 0;
-  int loads_ = 0;
 };
 
 }  // namespace nyxtest
