@@ -12,10 +12,8 @@ SIGKILL, SIGTERM = 9, 15
 
 
 class Outages:
-    """When each receiving service could not take a delivery: it was not on
-    the bus, or it refused every write with a status the daemon reads as
-    "no such service or property" (3 or 8). A topic nobody serves is always
-    unavailable."""
+    """When each receiving service was off the bus and could not take a
+    delivery. A topic nobody serves is always unavailable."""
 
     def __init__(self, never_served=()):
         self._never = set(never_served)

@@ -262,7 +262,7 @@ class Soak:
                  for name, (weight, body) in server.items()}
         table.update({
             "receiver refuses": (3, lambda: self.service_fault(
-                None, "refuseStatus", rng.choice([1, 5, 42, 8]), 0, 5)),
+                None, "refuseStatus", rng.choice([1, 5, 42]), 0, 5)),
             "receiver hangs": (2, lambda: self.service_fault(None, "hangSeconds", HANG_SECONDS, 0, 4)),
             "receiver vanishes": (2, self.receiver_vanishes),
             "outbox refuses": (2, lambda: self.service_fault(
@@ -281,22 +281,18 @@ class Soak:
     def service_fault(self, service, prop, value, normal, within):
         """Sets a simulator's control property to `value` and back to `normal`
         within `within` seconds. `service` None picks a receiver that is up;
-        returns False when there is none or the write failed. A refusal with
-        3 or 8 reads to the daemon as a missing service: an outage."""
+        returns False when there is none or the write failed. (A refusal the
+        daemon reads as a missing service takes the path of the topic nobody
+        serves and of a receiver off the bus.)"""
         service = service or self.up_receiver()
         if service is None or self.call(service, prop, value) != 0:
             return False
-        outage = prop == "refuseStatus" and value in (3, 8)
-        if outage:
-            self.outages.down(service, time.time())
         self.note("%s: %s = %s" % (service, prop, value))
 
         def revert():
             # A receiver off the bus now has nothing to undo.
             if self.receivers.get(service, True):
                 self.call(service, prop, normal)
-                if outage:
-                    self.outages.up(service, time.time())
         self.later(self.rng.uniform(1, within), "%s: %s = %s" % (service, prop, normal), revert)
 
     def receiver_vanishes(self):
