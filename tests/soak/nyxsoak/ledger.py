@@ -1,28 +1,19 @@
-"""The end-of-run checks, kept free of processes so that they can be tested
-on their own: what became of every message, whether the registration cache
-agrees with the server, and why the daemon ended each time it did.
-
-Every function takes plain records gathered by the soak and returns a result
-object; nothing here talks to the bus, the server or the file system.
-"""
+"""The soak's end-of-run checks on plain records, free of processes so that
+they can be tested on their own: what became of every message, whether the
+registration cache agrees with the server, why the daemon ended each time."""
 
 import collections
+import math
 import re
+from types import SimpleNamespace
 
-DISPATCHED = 1
-UNHANDLED = 103
-
-
-# ---------------------------------------------------------------------------
-# Messages
+DISPATCHED, UNHANDLED = 1, 103
+SIGKILL, SIGTERM = 9, 15
 
 
 class Outages:
-    """When each receiving service could not take a delivery: it was not on
-    the bus, or it refused every write with a status the daemon reads as
-    "no such service or property" (3 or 8). An application's service is gone
-    for good once the application quit; a topic nobody serves is always gone.
-    """
+    """When each receiving service was off the bus and could not take a
+    delivery. A topic nobody serves is always unavailable."""
 
     def __init__(self, never_served=()):
         self._never = set(never_served)
@@ -33,115 +24,58 @@ class Outages:
         self._open.setdefault(target, at)
 
     def up(self, target, at):
-        start = self._open.pop(target, None)
-        if start is not None:
-            self._spans[target].append((start, at))
+        if target in self._open:
+            self._spans[target].append((self._open.pop(target), at))
 
     def overlaps(self, target, start, end, slack=1.0):
         """True when `target` was unavailable at some moment of [start, end],
         widened by `slack` seconds for the clocks of different processes."""
-        if target in self._never:
-            return True
-        spans = list(self._spans.get(target, ()))
-        if target in self._open:
-            spans.append((self._open[target], float("inf")))
-        return any(s <= end + slack and e >= start - slack for s, e in spans)
-
-
-class MessageResult:
-    def __init__(self):
-        self.messages = 0
-        self.acknowledged = 0
-        self.still_offered = 0
-        self.lost = []            # (id, why)
-        self.duplicates = 0       # deliveries beyond the first
-        self.duplicate_acks = 0   # outcomes reported for a message already removed
-        self.unearned = []        # (id, status, why): acks the delivery did not justify
-        self.by_status = collections.Counter()
-
-    @property
-    def ok(self):
-        return not self.lost and not self.unearned
+        spans = self._spans[target] + [(self._open.get(target, math.inf), math.inf)]
+        return target in self._never or any(s <= end + slack and e >= start - slack
+                                            for s, e in spans)
 
 
 def check_messages(enqueued, pending, acks, deliveries, outages):
-    """Accounts for every message the server was given.
-
-    enqueued:   {id: (target service, enqueue time)}
-    pending:    ids the server still offers at the end
-    acks:       server acknowledgements in arrival order, each a dict with
-                id, status, retry, removed, flag and time (seconds)
-    deliveries: {id: number of times the target logged the delivery}
-    outages:    an Outages
-
-    A message is acknowledged when an ack removed it with a status it earned:
-    1 only if its receiver logged the delivery, 103 only if the receiver was
-    unavailable while the message was on its way. An ack with retry true, an
-    unknown id or any other status is unearned whatever the message. A
-    message that is neither still offered nor acknowledged so is lost.
-    """
-    result = MessageResult()
-    result.messages = len(enqueued)
-    final = {}
+    """Accounts for every message the server was given: `enqueued` maps its
+    id to (target, enqueue time), `pending` is the set of ids still offered,
+    `acks` the server's acknowledgements in arrival order, `deliveries` maps
+    an id to how often its target logged it. A message is acknowledged when
+    an ack removed it with a status it earned: 1 only if its target logged
+    the delivery, 103 only if the target was unavailable meanwhile. A message
+    neither still offered nor acknowledged so is lost."""
+    final, unearned, lost = {}, [], []
     for ack in acks:
-        msg_id, status = ack["id"], ack["status"]
-        result.by_status[status] += 1
         why = _unearned(ack, enqueued, deliveries, outages)
         if why:
-            result.unearned.append((msg_id, status, why))
-        if ack.get("flag") == "not pending":
-            result.duplicate_acks += 1
-        if ack.get("removed") and msg_id not in final:
-            final[msg_id] = (status, why)
+            unearned.append((ack["id"], ack["status"], why))
+        if ack.get("removed"):
+            final.setdefault(ack["id"], (ack["status"], why))
     for msg_id in enqueued:
         if msg_id in pending:
-            result.still_offered += 1
-        elif msg_id not in final:
-            result.lost.append((msg_id, "removed from the server without an acknowledgement"))
+            continue
+        if msg_id not in final:
+            lost.append((msg_id, "removed from the server without an acknowledgement"))
         elif final[msg_id][1]:
-            result.lost.append((msg_id, "acknowledged with status %d: %s"
-                                % (final[msg_id][0], final[msg_id][1])))
-        else:
-            result.acknowledged += 1
-    for msg_id, count in deliveries.items():
-        if count > 1:
-            result.duplicates += count - 1
-    return result
+            lost.append((msg_id, "acknowledged with status %d: %s" % final[msg_id]))
+    offered = len(pending & set(enqueued))
+    return SimpleNamespace(messages=len(enqueued), acknowledged=len(enqueued) - offered - len(lost),
+                           still_offered=offered, lost=lost, unearned=unearned,
+                           duplicates=sum(n - 1 for n in deliveries.values() if n > 1))
 
 
 def _unearned(ack, enqueued, deliveries, outages):
     msg_id, status = ack["id"], ack["status"]
     if ack.get("retry"):
         return "a message to be retried was purged"
-    if ack.get("flag") == "unknown id" or msg_id not in enqueued:
+    if msg_id not in enqueued:
         return "no such message was ever queued"
     target, queued_at = enqueued[msg_id]
     if status == DISPATCHED:
-        if deliveries.get(msg_id, 0) == 0:
-            return "%s never logged the delivery" % target
-        return None
+        return None if deliveries.get(msg_id) else "%s never logged the delivery" % target
     if status == UNHANDLED:
-        if not outages.overlaps(target, queued_at, ack["time"]):
-            return "%s was available the whole time" % target
-        return None
+        return None if outages.overlaps(target, queued_at, ack["time"]) else \
+            "%s was available the whole time" % target
     return "status %d is not a final outcome" % status
-
-
-# ---------------------------------------------------------------------------
-# Registration cache
-
-
-class CacheResult:
-    def __init__(self):
-        self.integrity = None
-        self.rows = 0
-        self.matching = 0
-        self.intended = collections.Counter()   # reason -> count
-        self.mismatches = []                      # text
-
-    @property
-    def ok(self):
-        return self.integrity == "ok" and not self.mismatches
 
 
 REGISTERED = re.compile(
@@ -160,13 +94,10 @@ def registration_events(log_lines):
     """("registered", app, id) and ("unregister", app, None) in log order."""
     events = []
     for line in log_lines:
-        match = REGISTERED.search(line)
+        match = REGISTERED.search(line) or UNREGISTER_REQUEST.search(line)
         if match:
-            events.append(("registered", match["app"], match["id"]))
-            continue
-        match = UNREGISTER_REQUEST.search(line)
-        if match:
-            events.append(("unregister", match["app"], None))
+            events.append(("registered" if match.re is REGISTERED else "unregister",
+                           match["app"], match.groupdict().get("id")))
     return events
 
 
@@ -176,26 +107,18 @@ def render_app(app_info):
 
 
 def check_cache(integrity, rows, server_registrations, events):
-    """Compares the cache with what the server granted.
-
-    integrity: output of PRAGMA integrity_check
-    rows:      [(registration_id, app_info)] from the cache
-    server_registrations: the server's records (id, appInfo, revoked)
-    events:    registration_events of the daemon's whole log
-
-    Every cache row must be a registration the server holds, active, for the
-    same app. A registration the server holds that the cache lacks is
-    intended when the log explains it (LOST_ANSWER, REMOVED_FIRST,
-    SUPERSEDED); one the daemon logged as stored, and neither replaced nor
-    unregistered since, is a mismatch.
-    """
-    result = CacheResult()
-    result.integrity = integrity.strip()
-    result.rows = len(rows)
+    """Compares the cache (PRAGMA integrity_check's text and its rows of
+    registration id and app) with the server's registrations and the
+    registration_events of the daemon's whole log. Every row must be an
+    active registration the server holds for the same app. One the server
+    holds and the cache lacks is intended when the log explains it;
+    otherwise it is a mismatch, and so is a damaged file."""
+    result = SimpleNamespace(integrity=integrity.strip(), rows=len(rows), matching=0,
+                             intended=collections.Counter(), mismatches=[])
+    if result.integrity != "ok":
+        result.mismatches.append("the integrity check says: " + result.integrity)
     server = {r["id"]: r for r in server_registrations}
-    cached = {}
     for reg_id, app in rows:
-        cached[reg_id] = app
         record = server.get(reg_id)
         if record is None:
             result.mismatches.append("cache holds %s, which the server never granted" % reg_id)
@@ -206,6 +129,7 @@ def check_cache(integrity, rows, server_registrations, events):
                                      % (reg_id, app, render_app(record["appInfo"])))
         else:
             result.matching += 1
+    cached = {reg_id for reg_id, _ in rows}
     for record in server_registrations:
         if record["revoked"] or record["id"] in cached:
             continue
@@ -220,98 +144,57 @@ def check_cache(integrity, rows, server_registrations, events):
 
 
 def _explain_missing(reg_id, app, events):
-    stored_at = None
-    for index, (kind, event_app, event_id) in enumerate(events):
-        if kind == "registered" and event_id == reg_id:
-            stored_at = index
-    if stored_at is None:
+    stored = [i for i, (kind, _, event_id) in enumerate(events)
+              if kind == "registered" and event_id == reg_id]
+    if not stored:
         return LOST_ANSWER
-    for kind, event_app, event_id in events[stored_at + 1:]:
-        if event_app != app:
-            continue
-        if kind == "unregister":
+    for kind, event_app, event_id in events[stored[-1] + 1:]:
+        if event_app == app and kind == "unregister":
             return REMOVED_FIRST
-        if kind == "registered" and event_id != reg_id:
+        if event_app == app and event_id != reg_id:
             return SUPERSEDED
     return None
 
 
-# ---------------------------------------------------------------------------
-# Exits
-
 UNCAUGHT = re.compile(r"Uncaught exception, terminating: (?P<cause>.*)")
 
-
-class Exit:
-    """One end of the daemon: `status` is the exit status or None, `signal`
-    the killing signal or None, `requested` "term", "kill" or None (what the
-    soak itself asked for), `escalated` when a requested stop had to be
-    forced, `log` the lines of that run."""
-
-    def __init__(self, pid, status, signal, requested, escalated, log):
-        self.pid, self.status, self.signal = pid, status, signal
-        self.requested, self.escalated, self.log = requested, escalated, log
-
-
-class ExitResult:
-    def __init__(self):
-        self.stops = 0          # requested SIGTERM, clean exit
-        self.restarts = 0       # ends a Restart=on-failure supervisor restarts
-        self.intended = 0
-        self.causes = collections.Counter()
-        self.failures = []
-
-    @property
-    def ok(self):
-        return not self.failures
-
-
-SIGKILL = 9
-SIGTERM = 15
+# One end of the daemon: `status` is the exit status or None, `signal` the
+# killing signal or None, `requested` "term", "kill" or None (what the soak
+# itself asked for), `escalated` when a requested stop had to be forced,
+# `log` the lines of that run.
+Exit = collections.namedtuple("Exit", "pid status signal requested escalated log")
 
 
 def check_exits(exits):
-    """Classifies every end of the daemon.
-
-    A requested SIGTERM that ends with status 0 (or the signal itself, before
-    the handler is installed) is a stop. Anything else is an abnormal end
-    that the supervisor restarts: intended when the soak killed the daemon,
-    when a stop had to be forced because a task was still running, or when
-    the log names an exception that nothing catches; a failure otherwise.
-    """
-    result = ExitResult()
+    """Classifies every end of the daemon. A requested SIGTERM that ends with
+    status 0 (or the signal itself, before the handler is installed) is a
+    stop. Any other end is a restart: intended when the soak killed the
+    daemon, when a stop had to be forced because a task was still running,
+    or when the log names an exception that nothing catches; else a failure."""
+    result = SimpleNamespace(stops=0, restarts=0, intended=0, causes=collections.Counter(),
+                             failures=[])
     for end in exits:
-        clean = end.status == 0 or end.signal == SIGTERM
-        if end.requested == "term" and clean and not end.escalated:
+        if end.requested == "term" and (end.status == 0 or end.signal == SIGTERM):
             result.stops += 1
             continue
         result.restarts += 1
-        cause = None
-        for line in end.log:
-            match = UNCAUGHT.search(line)
-            if match:
-                cause = "uncaught exception: " + _short(match["cause"])
-        if end.requested == "kill" and end.signal == SIGKILL:
+        causes = ["uncaught exception: " + m["cause"].strip()[:120]
+                  for m in map(UNCAUGHT.search, end.log) if m]
+        cause = causes[-1] if causes else None
+        if end.signal == SIGKILL and end.requested == "kill":
             cause = "SIGKILL from the soak"
-        elif end.escalated and end.signal == SIGKILL:
+        elif end.signal == SIGKILL and end.escalated:
             if any("Received termination signal." in line for line in end.log):
                 # The worker loop had ended: nothing was left to wait for.
                 result.failures.append("pid %d hung on its way out after the worker loop ended"
                                        % end.pid)
                 continue
-            else:
-                cause = "SIGKILL after SIGTERM went unheeded (a task was still running)"
+            cause = "SIGKILL after SIGTERM went unheeded (a task was still running)"
         if cause is None:
             how = "status %s" % end.status if end.signal is None else "signal %d" % end.signal
-            tail = " | ".join(end.log[-5:])
             result.failures.append("pid %d ended with %s and no cause in its log: %s"
-                                   % (end.pid, how, tail))
-            continue
-        result.intended += 1
-        result.causes[cause] += 1
+                                   % (end.pid, how, " | ".join(end.log[-5:])))
+        else:
+            result.intended += 1
+            result.causes[cause] += 1
     return result
-
-
-def _short(cause):
-    """The first line of an exception text, which for an HTTP error is its status."""
-    return cause.strip()[:120]
