@@ -44,20 +44,21 @@ function(nyx_set_test_properties name timeout labels environment)
     ENVIRONMENT "NYX_SOURCE_DIR=${PROJECT_SOURCE_DIR};NYX_BINARY_DIR=${PROJECT_BINARY_DIR};NYX_TEST_EMULATOR=${NYX_TEST_EMULATOR};${NYX_SANITIZER_ENV};${environment}")
 endfunction()
 
+# Every test runs under tests/support/no_leftovers, which fails the test when
+# a process it started is still running after it ended (a test binary that
+# died without its destructors, a tool that left a child behind).
+set(NYX_NO_LEFTOVERS /usr/bin/python3 ${PROJECT_SOURCE_DIR}/tests/support/no_leftovers)
+
 # One test file, one binary, one CTest entry: a test added to the file always
 # runs. Tests that take long go into a file of their own with the label slow.
 function(nyx_add_gtest name)
   cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} nyx_test_support GTest::gmock GTest::gtest_main)
-  add_test(NAME ${name} COMMAND ${name})
+  add_test(NAME ${name}
+    COMMAND ${NYX_NO_LEFTOVERS} ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${name}>)
   nyx_set_test_properties(${name} "${ARG_TIMEOUT}" "${ARG_LABELS}" "${ARG_ENVIRONMENT}")
 endfunction()
-
-# Tests that start processes of their own without the C++ fixtures (Python
-# tests, scripts) run under tests/support/no_leftovers, which fails the test
-# when a process it started is still running after it ended.
-set(NYX_NO_LEFTOVERS /usr/bin/python3 ${PROJECT_SOURCE_DIR}/tests/support/no_leftovers)
 
 # nyx_add_python_test(NAME SCRIPT [INTERPRETER path] [LABELS l...] [ENVIRONMENT K=V...]
 #                     [TIMEOUT s])

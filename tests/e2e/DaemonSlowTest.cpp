@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "daemon/common/COwners.h"
 #include "hbus.h"
 #include "tests/e2e/DaemonHarness.h"
 #include "tests/support/LocalHttpServer.h"
@@ -149,8 +150,7 @@ TEST_F(DaemonSlowTest, FloodOfPushTriggersWhileAPageIsHeldRunsEveryPoll) {
   harness_.root().setConfig(
       {{"url.devicemessaging.getmessages", harness_.serverUrl() + "/v1/messages"}});
 
-  std::unique_ptr<HbusHandleStruct, decltype(&HbusClose)> writer(HbusInitEx(nullptr, nullptr),
-                                                                 HbusClose);
+  COwner<HbusHandleStruct, HbusClose> writer(HbusInitEx(nullptr, nullptr));
   ASSERT_NE(writer, nullptr);
   PeakUsage peak;
   for (size_t write = 0; write < kWrites; ++write) {

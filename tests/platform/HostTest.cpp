@@ -1,6 +1,6 @@
 // The host platform against real components: files under a temporary NYX_ROOT,
-// Python's hmac, a second process holding the lock, a notification socket and
-// local HTTPS servers (openssl s_server) with certificates made for this run.
+// the tools' signature, a second process holding the lock, a notification socket and
+// local HTTPS servers with certificates made for this run.
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -20,11 +20,12 @@
 #include "conn.h"
 #include "corvidutils.h"
 #include "curl_extras.h"
+#include "daemon/common/COwners.h"
 #include "daemon_monitor.h"
 #include "dynconfig.h"
 #include "libauth.h"
 #include "nyx_host_monitor.h"
-#include "tests/support/TestSupport.h"
+#include "tests/support/LocalHttpServer.h"
 
 namespace {
 
@@ -88,15 +89,18 @@ TEST(DeviceFilesTest, AreParsedAndReadAnewAtEveryCall) {
   }
 }
 
-// Python's HMAC-SHA256 of the canonical text, then of the body alone.
+// The signature as the tools compute it, then Python's HMAC-SHA256 of the body.
 std::vector<std::string> pythonHmacs(const std::vector<std::string>& inputs) {
   ChildProcess::Options options;
   options.argv = {"python3", "-c",
                   "import hashlib, hmac, os, sys\n"
-                  "key, method, target, date, customer, body = map(os.fsencode, sys.argv[1:])\n"
-                  "digest = hashlib.sha256(body).hexdigest().encode()\n"
-                  "for text in (b'\\n'.join([method, target, date, customer, digest]), body):\n"
-                  "    print(hmac.new(key, text, hashlib.sha256).hexdigest())\n"};
+                  "sys.path.insert(0, sys.argv[1])\n"
+                  "from nyxtools.wire import signature\n"
+                  "key, method, target, date, customer, body = sys.argv[2:]\n"
+                  "body = os.fsencode(body)\n"
+                  "print(signature(key, method, target, date, customer, body))\n"
+                  "print(hmac.new(key.encode(), body, hashlib.sha256).hexdigest())\n",
+                  nyxtest::sourceDir() + "/tools"};
   options.argv.insert(options.argv.end(), inputs.begin(), inputs.end());
   ChildProcess python(options);
   EXPECT_EQ(python.waitForExit(milliseconds(10000)), 0) << python.output();
@@ -218,20 +222,18 @@ size_t discard(char*, size_t size, size_t count, void*) { return size * count; }
 
 // A GET through the TLS-context callback, as the daemon's transport makes it.
 CURLcode fetch(int port, const std::string& host) {
-  CURL* curl = curl_easy_init();
+  CurlEasyOwner owner(curl_easy_init());
+  CURL* curl = owner.get();
   const std::string resolve = host + ":" + std::to_string(port) + ":127.0.0.1";
-  curl_slist* resolveList = curl_slist_append(nullptr, resolve.c_str());
+  CurlHeaderListOwner resolveList(curl_slist_append(nullptr, resolve.c_str()));
   const std::string url = "https://" + host + ":" + std::to_string(port) + "/";
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_RESOLVE, resolveList);
+  curl_easy_setopt(curl, CURLOPT_RESOLVE, resolveList.get());
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(curl, CURLOPT_TIMEOUT, 10L);
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, discard);
   curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION, getRevocationSslCxtCb());
-  const CURLcode result = curl_easy_perform(curl);
-  curl_slist_free_all(resolveList);
-  curl_easy_cleanup(curl);
-  return result;
+  return curl_easy_perform(curl);
 }
 
 TEST(TlsTest, TrustsCaPemAndRefusesRevokedOrMisnamedServers) {
@@ -239,26 +241,12 @@ TEST(TlsTest, TrustsCaPemAndRefusesRevokedOrMisnamedServers) {
   ChildProcess::Options make;
   make.argv = {"sh", nyxtest::sourceDir() + "/tests/platform/make-test-pki.sh", pki.path()};
   ASSERT_EQ(ChildProcess(make).waitForExit(milliseconds(30000)), 0);
-  std::map<std::string, int> ports;
-  std::vector<std::unique_ptr<ChildProcess>> servers;
+  std::map<std::string, std::unique_ptr<nyxtest::LocalHttpServer>> servers;
   for (const std::string name : {"good", "revoked", "expired"}) {
-    ChildProcess::Options serve;
-    serve.argv = {"openssl",
-                  "s_server",
-                  "-www",
-                  "-accept",
-                  "127.0.0.1:0",
-                  "-cert",
-                  pki.path() + "/" + name + ".pem",
-                  "-key",
-                  pki.path() + "/" + name + ".key"};
-    servers.push_back(std::make_unique<ChildProcess>(serve));
-    ASSERT_TRUE(servers.back()->waitForLine("ACCEPT", milliseconds(10000)));
-    for (const auto& line : servers.back()->lines()) {
-      if (line.rfind("ACCEPT 127.0.0.1:", 0) == 0) {
-        ports[name] = std::stoi(line.substr(17));
-      }
-    }
+    const std::string pem = pki.path() + "/" + name;
+    servers[name] = std::make_unique<nyxtest::LocalHttpServer>(
+        std::vector<nyxtest::HttpAnswer>{},
+        nyxtest::LocalHttpServer::Options{pem + ".pem", pem + ".key", false});
   }
   const std::string crl = nyxtest::readFile(pki.path() + "/crl.pem");
   const std::string emptyCrl = nyxtest::readFile(pki.path() + "/crl-empty.pem");
@@ -300,7 +288,7 @@ TEST(TlsTest, TrustsCaPemAndRefusesRevokedOrMisnamedServers) {
     const nyxtest::ScopedEnv systemStore(
         "SSL_CERT_DIR",
         row.caInSystemStore ? std::optional<std::string>(pki.path() + "/hashed") : std::nullopt);
-    EXPECT_EQ(fetch(ports.at(row.server), row.host), row.expected);
+    EXPECT_EQ(fetch(servers.at(row.server)->port(), row.host), row.expected);
   }
 }
 

@@ -1,11 +1,8 @@
 #include "tests/support/LocalHttpServer.h"
 
-#include <openssl/evp.h>
-#include <strings.h>
+#include <glib.h>
 
-#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
 
 #include "daemon/common/Json.h"
@@ -15,22 +12,18 @@ namespace nyxtest {
 namespace {
 
 std::string encodeBase64(const std::string& bytes) {
-  std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  text.resize(static_cast<size_t>(EVP_EncodeBlock(
-      reinterpret_cast<unsigned char*>(text.data()),
-      reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()))));
-  return text;
+  gchar* text = g_base64_encode(reinterpret_cast<const guchar*>(bytes.data()), bytes.size());
+  std::string copy(text);
+  g_free(text);
+  return copy;
 }
 
-// EVP_DecodeBlock counts the zero bytes that padding stands for: drop them.
-std::string decodeBase64(const std::string& text) {
-  std::string bytes(3 * text.size() / 4 + 1, '\0');
-  const int length = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
-                                     reinterpret_cast<const unsigned char*>(text.data()),
-                                     static_cast<int>(text.size()));
-  const size_t padding = static_cast<size_t>(std::count(text.begin(), text.end(), '='));
-  bytes.resize(length < 0 ? 0 : static_cast<size_t>(length) - padding);
-  return bytes;
+std::string decodeBase64(const char* text) {
+  gsize length = 0;
+  guchar* bytes = g_base64_decode(text, &length);
+  std::string copy(reinterpret_cast<const char*>(bytes), length);
+  g_free(bytes);
+  return copy;
 }
 
 std::string scriptJson(const std::vector<HttpAnswer>& script) {
@@ -64,15 +57,6 @@ std::string scriptJson(const std::vector<HttpAnswer>& script) {
 }
 
 }  // namespace
-
-std::string RecordedRequest::header(const std::string& name) const {
-  for (const auto& [present, value] : headers) {
-    if (strcasecmp(present.c_str(), name.c_str()) == 0) {
-      return value;
-    }
-  }
-  return "";
-}
 
 LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script)
     : LocalHttpServer(script, Options()) {}

@@ -39,9 +39,6 @@ struct RecordedRequest {
   // In the order received.
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
-
-  // The first value of the header in any letter case, or "".
-  std::string header(const std::string& name) const;
 };
 
 class LocalHttpServer {

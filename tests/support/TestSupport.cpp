@@ -40,34 +40,6 @@ bool isSanitizerReport(const std::string& line) {
   return std::regex_search(line, report);
 }
 
-// The processes of a process group that have not ended, as "PID (name)".
-std::vector<std::string> runningInGroup(pid_t group) {
-  std::vector<std::string> found;
-  std::error_code ignored;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc", ignored)) {
-    const std::string pid = entry.path().filename();
-    if (pid.find_first_not_of("0123456789") != std::string::npos) {
-      continue;
-    }
-    std::ifstream in(entry.path() / "stat");
-    std::string stat;
-    std::getline(in, stat);
-    const size_t nameEnd = stat.rfind(')');
-    if (nameEnd == std::string::npos) {
-      continue;  // ended while being read
-    }
-    std::istringstream fields(stat.substr(nameEnd + 1));
-    std::string state;
-    long parent = 0, processGroup = 0;
-    fields >> state >> parent >> processGroup;
-    if (processGroup == group && state != "Z") {
-      const size_t nameStart = stat.find('(');
-      found.push_back(pid + " " + stat.substr(nameStart, nameEnd + 1 - nameStart));
-    }
-  }
-  return found;
-}
-
 size_t countContaining(const std::vector<std::string>& lines, const std::string& text) {
   return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
     return line.find(text) != std::string::npos;
@@ -173,15 +145,15 @@ ChildProcess::ChildProcess(const Options& options) {
   argvPointers.push_back(nullptr);
 
   // Without inputPipe the child reads end of file at once, as from /dev/null.
-  int output[2], input[2], execFailure[2];
+  int output[2], input[2];
   if (options.inputPipe) {
     ::signal(SIGPIPE, SIG_IGN);  // a child that exits early must not kill the test
   }
-  if (pipe2(output, O_CLOEXEC) != 0 || pipe2(input, O_CLOEXEC) != 0 ||
-      pipe2(execFailure, O_CLOEXEC) != 0) {
+  if (pipe2(output, O_CLOEXEC) != 0 || pipe2(input, O_CLOEXEC) != 0) {
     throw systemError("pipe");
   }
   const pid_t parent = getpid();
+  const std::string failed = "cannot start " + argv[0] + "\n";  // made before the fork
   pid_ = fork();
   if (pid_ == 0) {
     // Only async-signal-safe calls until exec. A process group of its own, so
@@ -197,55 +169,32 @@ ChildProcess::ChildProcess(const Options& options) {
     dup2(output[1], 1);
     dup2(output[1], 2);
     execvp(argvPointers[0], argvPointers.data());
-    const int error = errno;
-    ssize_t ignored = write(execFailure[1], &error, sizeof error);
+    ssize_t ignored = write(2, failed.data(), failed.size());
     (void)ignored;
     _exit(127);
   }
   const int forkError = errno;
-  if (pid_ > 0) {
-    setpgid(pid_, pid_);  // also here: the group must exist before any kill(-pid)
-  }
   close(output[1]);
   close(input[0]);
-  close(execFailure[1]);
-  int error = pid_ < 0 ? forkError : 0;
-  if (pid_ > 0 && read(execFailure[0], &error, sizeof error) != sizeof error) {
-    error = 0;  // closed by a successful exec
-  }
-  close(execFailure[0]);
   inputFd_ = input[1];
-  if (error != 0 || !options.inputPipe) {
+  if (pid_ < 0 || !options.inputPipe) {
     closeInput();
   }
-  if (error != 0) {
+  if (pid_ < 0) {
     close(output[0]);
-    if (pid_ > 0) {
-      waitpid(pid_, nullptr, 0);
-    }
-    throw systemError("cannot start " + argv[0], error);
+    throw systemError("fork", forkError);
   }
+  setpgid(pid_, pid_);  // also here: the group must exist before any kill(-pid)
   name_ = argv[0];
   reader_ = std::thread(&ChildProcess::readOutput, this, output[0]);
 }
 
 ChildProcess::~ChildProcess() {
   closeInput();
-  if (running()) {
-    kill(pid_, SIGKILL);
-    waitForExit(milliseconds(10000));
-  }
-  // What the child started in its group must have ended with it; a process
-  // left behind would outlive the test (and keep the output pipe open).
-  const auto left = runningInGroup(pid_);
-  if (!left.empty()) {
-    std::string names;
-    for (const auto& process : left) {
-      names += "\n  " + process;
-    }
-    ADD_FAILURE() << "child " << pid_ << " (" << name_ << ") left processes running:" << names;
-    kill(-pid_, SIGKILL);
-  }
+  // The child and what it started in its group, so that nothing keeps the
+  // output open or outlives the test.
+  kill(-pid_, SIGKILL);
+  waitForExit(milliseconds(10000));
   reader_.join();
   if (std::any_of(lines_.begin(), lines_.end(), isSanitizerReport)) {
     ADD_FAILURE() << "sanitizer report from child " << pid_ << ":\n" << output();
@@ -387,11 +336,6 @@ LogCapture::~LogCapture() { setLogger(new DefaultLogger); }
 std::vector<std::string> LogCapture::lines() const {
   std::lock_guard<std::mutex> lock(store_->first);
   return store_->second;
-}
-
-bool LogCapture::contains(const std::string& line) const {
-  const auto all = lines();
-  return std::find(all.begin(), all.end(), line) != all.end();
 }
 
 size_t LogCapture::count(const std::string& text) const { return countContaining(lines(), text); }

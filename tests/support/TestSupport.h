@@ -18,6 +18,8 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "daemon/common/Logging.h"
 
 namespace nyxtest {
@@ -78,12 +80,11 @@ class NyxRoot {
 };
 
 // A child process whose standard output and error are collected line by line.
-// The destructor kills (SIGKILL) and reaps it, and fails the running test when
-// the output holds a sanitizer's report, which only this object sees, or when
-// a process the child started in its process group is still running (it is
-// killed then). The child gets SIGKILL when the thread that made it ends, so
-// that a test that dies without its destructors leaves nothing running:
-// construct it on the test's own thread.
+// The destructor kills (SIGKILL) it and what it started in its process group,
+// reaps it, and fails the running test when the output holds a sanitizer's
+// report, which only this object sees. The child gets SIGKILL when the thread
+// that made it ends, so that a test that dies without its destructors leaves
+// nothing running: construct it on the test's own thread.
 class ChildProcess {
  public:
   struct Options {
@@ -149,6 +150,17 @@ class PrivateBus {
   std::unique_ptr<ScopedEnv> addressEnv_;
 };
 
+// One private bus for every test of the binary:
+//   ::testing::AddGlobalTestEnvironment(new nyxtest::PrivateBusEnvironment);
+class PrivateBusEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override { bus_ = std::make_unique<PrivateBus>(); }
+  void TearDown() override { bus_.reset(); }
+
+ private:
+  std::unique_ptr<PrivateBus> bus_;
+};
+
 // Records every log line as "LEVEL component: message" (LEVEL one of DEBUG,
 // ERROR, INFO, WARN) and installs the plain logger again on destruction.
 class LogCapture {
@@ -158,7 +170,6 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
   std::vector<std::string> lines() const;
-  bool contains(const std::string& line) const;
   // Lines that contain the text.
   size_t count(const std::string& text) const;
   void clear();

@@ -3,20 +3,18 @@
 
 Listens on 127.0.0.1 with an ephemeral port and prints the port on its first
 line. Each request is appended to the record file (a JSON array of objects
-with method, target, version, headers as [name, value] pairs, body_base64 and,
-with --signing-secret, signature) before it is answered.
+with method, target, headers as [name, value] pairs and body_base64) before it
+is answered.
 
-Script: a JSON array of answers (status, headers as raw lines, body or
-body_base64, path, delay, close_mid_body, repeat, hold). A request takes the
-first unused answer whose path, if any, is its own; without one it gets 404.
-Each line on standard input is a new script; "script loaded N" confirms it.
-The line "release" lets held answers go ("released" confirms it).
+Script: a JSON array of answers (status, headers as raw lines, body_base64,
+path, delay, hold). A request takes the first unused answer whose path, if
+any, is its own; without one it gets 404. The line "release" on standard
+input lets held answers go ("released" confirms it).
 With --proxy it tunnels CONNECT and forwards absolute-form requests instead.
 """
 
 import argparse
 import base64
-import hmac
 import http.server
 import json
 import os
@@ -29,14 +27,11 @@ import threading
 import time
 import urllib.parse
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "..", "..", "tools"))
-from nyxtools.wire import signature  # noqa: E402
-
 
 class State:
-    def __init__(self, record_path, script, signing_secret):
-        self.lock, self.record_path, self.secret = threading.Lock(), record_path, signing_secret
-        self.script, self.used, self.loads, self.records = script, set(), 0, []
+    def __init__(self, record_path, script):
+        self.lock, self.record_path = threading.Lock(), record_path
+        self.script, self.used, self.records = script, set(), []
         self.released = threading.Event()
 
     def record(self, entry):
@@ -46,31 +41,13 @@ class State:
                 json.dump(self.records, out)
             os.replace(self.record_path + ".tmp", self.record_path)
 
-    def replace_script(self, script):
-        with self.lock:
-            self.script, self.used = script, set()
-            self.loads += 1
-            return self.loads
-
     def take_answer(self, path):
         with self.lock:
             for index, answer in enumerate(self.script):
                 if index not in self.used and answer.get("path", path) == path:
-                    if not answer.get("repeat", False):
-                        self.used.add(index)
+                    self.used.add(index)
                     return answer
-        return {"status": 404, "body": "no scripted answer"}
-
-
-def signature_state(secret, method, target, headers, body):
-    """"valid", "invalid" or "missing": the request's X-Device-Signature."""
-    values = {name.lower(): value for name, value in headers}
-    given = values.get("x-device-signature")
-    if given is None:
-        return "missing"
-    expected = signature(secret, method, target, values.get("x-device-date", ""),
-                         values.get("x-device-customer"), body)
-    return "valid" if hmac.compare_digest(expected, given) else "invalid"
+        return {"status": 404, "body_base64": base64.b64encode(b"no scripted answer")}
 
 
 class ScriptedHandler(http.server.BaseHTTPRequestHandler):
@@ -84,26 +61,19 @@ class ScriptedHandler(http.server.BaseHTTPRequestHandler):
         length = int(self.headers.get("Content-Length", "0") or "0")
         body = self.rfile.read(length) if length > 0 else b""
         headers = [[name, value] for name, value in self.headers.items()]
-        entry = {"method": self.command, "target": self.path, "version": self.request_version,
-                 "headers": headers, "body_base64": base64.b64encode(body).decode()}
-        if self.state.secret is not None:
-            entry["signature"] = signature_state(self.state.secret, self.command,
-                                                 self.path, headers, body)
-        self.state.record(entry)
+        self.state.record({"method": self.command, "target": self.path, "headers": headers,
+                           "body_base64": base64.b64encode(body).decode()})
 
         answer = self.state.take_answer(urllib.parse.urlsplit(self.path).path)
         if answer.get("hold"):
             self.state.released.wait()
         time.sleep(float(answer.get("delay", 0)))
-        payload = base64.b64decode(answer.get("body_base64", "")) or answer.get("body", "").encode()
+        payload = base64.b64decode(answer.get("body_base64", ""))
         lines = list(answer.get("headers", []))
         if not any(line.lower().startswith("content-length:") for line in lines):
             lines.append("Content-Length: %d" % len(payload))
         head = "HTTP/1.1 %d Scripted\r\n" % answer.get("status", 200)
         head += "".join(line + "\r\n" for line in lines) + "\r\n"
-        if answer.get("close_mid_body"):
-            payload = payload[:len(payload) // 2]
-            self.close_connection = True
         self.wfile.write(head.encode() + payload)
         self.wfile.flush()
 
@@ -143,8 +113,8 @@ class ProxyHandler(socketserver.BaseRequestHandler):
         lines = head.decode("latin-1").split("\r\n")
         method, target, version = lines[0].split(" ", 2)
         headers = [line.split(": ", 1) for line in lines[1:] if ": " in line]
-        self.state.record({"method": method, "target": target, "version": version,
-                           "headers": headers, "body_base64": ""})
+        self.state.record({"method": method, "target": target, "headers": headers,
+                           "body_base64": ""})
         if method == "CONNECT":
             host, port = target.rsplit(":", 1)
             upstream = socket.create_connection((host, int(port)))
@@ -178,27 +148,24 @@ class Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
         print("error serving %s: %s" % (client_address, sys.exc_info()[1]), flush=True)
 
 
-def read_scripts(state):
+def read_commands(state):
     for line in sys.stdin:
         if line.strip() == "release":
             state.released.set()
             print("released", flush=True)
-        elif line.strip():
-            print("script loaded %d" % state.replace_script(json.loads(line)), flush=True)
     os._exit(0)  # the test closed our input or died: do not outlive it
 
 
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--record", required=True)
-    parser.add_argument("--script")
+    parser.add_argument("--script", required=True)
     parser.add_argument("--tls", nargs=2, metavar=("CERT", "KEY"))
-    parser.add_argument("--signing-secret")
     parser.add_argument("--proxy", action="store_true")
     options = parser.parse_args()
 
-    script = json.load(open(options.script)) if options.script else []
-    state = State(options.record, script, options.signing_secret)
+    with open(options.script) as script:
+        state = State(options.record, json.load(script))
     with open(options.record, "w") as out:
         out.write("[]")
     handler = ProxyHandler if options.proxy else ScriptedHandler
@@ -208,7 +175,7 @@ def main():
         server.tls_context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         server.tls_context.load_cert_chain(options.tls[0], options.tls[1])
     print(server.server_address[1], flush=True)
-    threading.Thread(target=read_scripts, args=(state,), daemon=True).start()
+    threading.Thread(target=read_commands, args=(state,), daemon=True).start()
     server.serve_forever()
 
 
