@@ -1,12 +1,12 @@
 // The registration subsystem: the cache against real SQLite files read back
 // with the sqlite3 shell, the registrar, the responder and the request
 // handler over a scripted transport and a recording bus sender.
+#include <glib.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <chrono>
-#include <cstdio>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -35,21 +35,16 @@ const auto& kAppInitiated = NYXRegistrationReason::AppInitiated;
 
 // Runs the sqlite3 shell on file and returns what it printed.
 std::string sqliteShell(const std::string& file, const std::string& command) {
-  auto quote = [](const std::string& text) {
-    std::string quoted = "'";
-    for (char c : text) {
-      quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return quoted + "'";
-  };
-  const std::string line = "sqlite3 " + quote(file) + " " + quote(command) + " 2>&1";
-  std::unique_ptr<FILE, int (*)(FILE*)> shell(popen(line.c_str(), "r"), pclose);
-  std::string output;
-  char buffer[4096];
-  for (size_t n; shell && (n = fread(buffer, 1, sizeof buffer, shell.get())) > 0;) {
-    output.append(buffer, n);
-  }
-  EXPECT_EQ(shell ? pclose(shell.release()) : -1, 0) << output;
+  const char* argv[] = {"sqlite3", file.c_str(), command.c_str(), nullptr};
+  gchar* out = nullptr;
+  gchar* err = nullptr;
+  gint status = -1;
+  g_spawn_sync(nullptr, const_cast<gchar**>(argv), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr,
+               &out, &err, &status, nullptr);
+  const std::string output = out ? out : "";
+  EXPECT_EQ(status, 0) << output << (err ? err : "");
+  g_free(out);
+  g_free(err);
   return output;
 }
 
