@@ -112,6 +112,9 @@ TEST_F(DaemonSlowTest, FloodOfRegistrationsWhileTheServerHoldsItsAnswerIsAnswere
       [&] { return daemon.countLines("I Main: Received NYX registration request.") >= kWrites; },
       daemon, peak, kFloodDeadline))
       << daemon.countLines("Received NYX registration request.");
+  // The worker may still be on its way to the server when the last write
+  // has been logged.
+  ASSERT_TRUE(waitUntil([&] { return !server.requests().empty(); }, kFloodDeadline));
   ASSERT_EQ(server.requests().size(), 1u);
   ASSERT_TRUE(daemon.running()) << daemon.output();
   server.release();
