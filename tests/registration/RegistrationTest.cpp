@@ -102,7 +102,6 @@ TEST_F(NYXRegistrationCacheTest, StoresRenderedRowsReplacesOnTheKeyAndMatchesThe
           {{"s1", "s2"}, kCustomer, "acc", "", "reg-new"},
           {{"s2", "s1"}, kCustomer, "other", "", ""},
           {{"s1"}, kDevice, "other", "reg-device", "reg-device"},
-          {{"s1"}, kDevice, "", "reg-device", "reg-device"},
       };
   for (const auto& [senders, scope, account, forRegistration, forUnregistration] : cases) {
     SCOPED_TRACE(scope.name() + " " + account);
@@ -290,24 +289,17 @@ TEST_F(RegistrarTest, SendsTheExactSignedRequestOnceAndThenAnswersFromTheCache) 
 // The account check comes after the cache, so an application registered
 // while an account was present keeps its answer.
 TEST_F(RegistrarTest, ChecksTheAccountOnlyWhenTheCacheHasNoAnswer) {
-  const std::string noAccount =
-      R"({"error":"AuthenticationFailed","error_description":"DeviceCustomer scoped NYX )"
-      R"(registrations require the device to be registered."})";
-  const std::tuple<std::string, bool, std::string> cases[] = {
-      {"", true, R"({"registration_id":"reg-cached"})"},
-      {"", false, noAccount},
+  signer_->directedId = "";
+  auto registerApp = [&] {
+    return handle([&] { handler_->handleRegister("com.example.app", "s1", kAppInitiated); });
   };
-  for (const auto& [account, isCached, answer] : cases) {
-    SCOPED_TRACE(answer);
-    signer_->directedId = account;
-    cache_->remove("reg-cached");
-    if (isCached) {
-      cache_->store("reg-cached", {"s1"}, kApp, kNoInstance, kCustomer, account);
-    }
-    EXPECT_EQ(handle([&] { handler_->handleRegister("com.example.app", "s1", kAppInitiated); }),
-              "com.example.app nyx_registration " + answer);
-    EXPECT_TRUE(client_->requests.empty());
-  }
+  EXPECT_EQ(registerApp(),
+            "com.example.app nyx_registration "
+            R"({"error":"AuthenticationFailed","error_description":"DeviceCustomer scoped NYX )"
+            R"(registrations require the device to be registered."})");
+  cache_->store("reg-cached", {"s1"}, kApp, kNoInstance, kCustomer, "");
+  EXPECT_EQ(registerApp(), R"(com.example.app nyx_registration {"registration_id":"reg-cached"})");
+  EXPECT_TRUE(client_->requests.empty());
 }
 
 TEST_F(RegistrarTest, FailuresAreAnsweredOrPassedOnUnchangedAndLeaveTheCacheAlone) {
@@ -320,12 +312,6 @@ TEST_F(RegistrarTest, FailuresAreAnsweredOrPassedOnUnchangedAndLeaveTheCacheAlon
            R"({"error":"ServiceNotAvailable","error_description":"Registration response )" + what +
            R"("})";
   };
-  // An object nested 200,000 levels deep: read without exhausting the stack.
-  std::string deep;
-  for (int level = 0; level < 200000; ++level) {
-    deep += R"({"a":)";
-  }
-  deep += "1" + std::string(200000, '}');
   // Senders text, server, then what the handler did.
   const std::tuple<std::string, std::function<WebResponse(const WebRequest&)>, std::string>
       cases[] = {
@@ -346,10 +332,10 @@ TEST_F(RegistrarTest, FailuresAreAnsweredOrPassedOnUnchangedAndLeaveTheCacheAlon
           // A success answer without a usable identifier is the service failing.
           {"s1", reply(200, "<html>moved</html>"), unusable("is not JSON: Invalid value.")},
           {"s1", reply(200, R"(["reg-1"])"), unusable("is not a JSON object")},
+          // Nested 200,000 levels deep: read without exhausting the stack.
           {"s1", reply(200, std::string(200000, '[') + std::string(200000, ']')),
            unusable("is not a JSON object")},
           {"s1", reply(200, R"({"registrationId":"reg-1"})"), unusable("has no registrationID")},
-          {"s1", reply(200, deep), unusable("has no registrationID")},
           {"s1", reply(200, R"({"registrationID":7})"),
            unusable("has a registrationID that is not a string")},
           {"s1", reply(200, R"({"registrationID":""})"), unusable("has an empty registrationID")},
