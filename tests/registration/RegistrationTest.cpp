@@ -54,8 +54,6 @@ std::string sqliteShell(const std::string& file, const std::string& command) {
 std::string outcomeOf(const std::function<std::string()>& action) {
   try {
     return action();
-  } catch (const NYXRegistrationError& error) {
-    return "NYXRegistrationError " + std::string(error.what());
   } catch (const ClientError& error) {
     return "ClientError " + std::string(error.what());
   } catch (const std::runtime_error& error) {
@@ -84,22 +82,28 @@ TEST_F(NYXRegistrationCacheTest, NewFileIsPrivateAndGetsTheTableAndSchemaVersion
             "directed_id) ON CONFLICT REPLACE);\n");
 }
 
+// Every value reaches SQLite as a bound parameter, so no text can change a
+// statement, and every byte comes back as it went in.
 TEST_F(NYXRegistrationCacheTest, StoresRenderedRowsReplacesOnTheKeyAndMatchesTheScope) {
   NYXRegistrationCache cache(file());
-  const AppInfoMap app = {{"z.key", "last"}, {"a.key", "first"}};
-  const AppInfoMap instance = {{"pid", "7"}, {"instance", "x"}};
-  cache.store("reg-old", {"s1"}, app, instance, kCustomer, "acc");
-  cache.store("reg-new", {"s2", "s1"}, app, instance, kCustomer, "acc");
-  cache.store("reg-device", {"s1"}, app, instance, kDevice, "acc");
+  const std::string hostile =
+      "x'); DROP TABLE registration_ids;-- \"%s %n ?\\ Grüße \xF0\x9F\x98\x80";
+  const AppInfoMap app = {{"z.key", "last"}, {"a.key", hostile}};
+  const AppInfoMap instance = {{"pid", "7"}, {"instance", " x\t"}};
+  const std::string acc = " acc ";
+  cache.store("reg-old", {"s1"}, app, instance, kCustomer, acc);
+  cache.store("reg-new", {"s2", "s1"}, app, instance, kCustomer, acc);
+  cache.store("reg-device", {"s1"}, app, instance, kDevice, acc);
 
+  const std::string rendered = "|a.key=>" + hostile + ", z.key=>last|instance=> x\t, pid=>7|";
   EXPECT_EQ(sqliteShell(file(), "SELECT * FROM registration_ids ORDER BY scope;"),
-            "reg-device|a.key=>first, z.key=>last|instance=>x, pid=>7|s1|Device|\n"
-            "reg-new|a.key=>first, z.key=>last|instance=>x, pid=>7|s2, s1|DeviceCustomer|acc\n");
+            "reg-device" + rendered + "s1|Device|\nreg-new" + rendered + "s2, s1|DeviceCustomer|" +
+                acc + "\n");
   // Senders, scope, account; then what registration and unregistration find.
   const std::tuple<SenderList, const NYXRegistrationScope&, std::string, std::string, std::string>
       cases[] = {
-          {{"s2", "s1"}, kCustomer, "acc", "reg-new", "reg-new"},
-          {{"s1", "s2"}, kCustomer, "acc", "", "reg-new"},
+          {{"s2", "s1"}, kCustomer, acc, "reg-new", "reg-new"},
+          {{"s1", "s2"}, kCustomer, acc, "", "reg-new"},
           {{"s2", "s1"}, kCustomer, "other", "", ""},
           {{"s1"}, kDevice, "other", "reg-device", "reg-device"},
       };
@@ -108,29 +112,6 @@ TEST_F(NYXRegistrationCacheTest, StoresRenderedRowsReplacesOnTheKeyAndMatchesThe
     EXPECT_EQ(cache.findForRegistration(senders, app, instance, scope, account), forRegistration);
     EXPECT_EQ(cache.findForUnregistration(app, instance, scope, account), forUnregistration);
   }
-}
-
-// Every value reaches SQLite as a bound parameter, so no text can change a
-// statement, and every byte comes back as it went in.
-TEST_F(NYXRegistrationCacheTest, HostileAndUnusualTextIsStoredAndFoundByteForByte) {
-  const std::string texts[] = {
-      "x'); DROP TABLE registration_ids;-- it's \"quoted\" and \\escaped\\",
-      " \t Grüße, 日本語, emoji \xF0\x9F\x98\x80, blanks around \n",
-      "%s %d %n ?",
-  };
-  NYXRegistrationCache cache(file());
-  for (const auto& text : texts) {
-    SCOPED_TRACE(text);
-    const AppInfoMap app = {{"service.name", text}, {text, text}};
-    const AppInfoMap instance = {{"instance", text}};
-    cache.store("reg-" + text, {text, "plain"}, app, instance, kCustomer, text);
-
-    EXPECT_EQ(cache.findForRegistration({text, "plain"}, app, instance, kCustomer, text),
-              "reg-" + text);
-    EXPECT_EQ(cache.findForUnregistration(app, instance, kCustomer, text), "reg-" + text);
-  }
-  cache.remove("reg-" + texts[0]);
-  EXPECT_EQ(sqliteShell(file(), "SELECT count(*) FROM registration_ids;"), "2\n");
 }
 
 // A file the cache cannot use fails with SQLite's reason and is left as it
@@ -451,8 +432,7 @@ TEST(NYXRegistrationErrorTest, CarriesCodeAndDescriptionAndKeepsItsTypeWhenRaise
   EXPECT_NE(error, NYXRegistrationError(NYXRegistrationErrorCode::InvalidSender, "down"));
   EXPECT_NE(error, NYXRegistrationError(NYXRegistrationErrorCode::ServiceNotAvailable, "Down"));
   const IOError& base = error;
-  EXPECT_EQ(outcomeOf([&] { return base.raise(), std::string(); }),
-            "NYXRegistrationError ServiceNotAvailable: down");
+  EXPECT_THROW(base.raise(), NYXRegistrationError);
 }
 
 }  // namespace
