@@ -31,14 +31,11 @@ std::string base64(const std::string& bytes) {
   return encodeBase64(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
 }
 
-// One element of "messages"; directedJson is the JSON of "directedCustomerId"
-// (left out when empty), crc the one to send (the right one when unset).
+// One element of "messages", with the crc given or else the right one.
 std::string messageJson(const std::string& id, const std::string& topic, const std::string& payload,
-                        const std::string& directedJson = "",
                         std::optional<uint32_t> crc = std::nullopt) {
   return R"({"message":{"id":")" + id + R"(","topic":")" + topic + R"(","payload":")" +
-         base64(payload) + "\"" +
-         (directedJson.empty() ? "" : R"(,"directedCustomerId":)" + directedJson) + R"(,"crc":)" +
+         base64(payload) + R"(","crc":)" +
          std::to_string(crc ? *crc : messageCrc32(topic, payload)) + "}}";
 }
 
@@ -216,8 +213,8 @@ TEST_F(MessagingTest, FetchKeepsMessagesWhoseCrcMatchesAndDropsBadElementsAlone)
   // An element, the payload of "m" when kept, the error logged when dropped.
   const std::tuple<std::string, std::optional<std::string>, std::string> cases[] = {
       {messageJson("m", "t", bytes), bytes, ""},
-      {messageJson("m", "t", bytes, "", messageCrc32("t", "other")), std::nullopt, corrupt},
-      {messageJson("m", "t", bytes, "", messageCrc32("T", bytes)), std::nullopt, corrupt},
+      {messageJson("m", "t", bytes, messageCrc32("t", "other")), std::nullopt, corrupt},
+      {messageJson("m", "t", bytes, messageCrc32("T", bytes)), std::nullopt, corrupt},
       // An undecodable payload counts as empty; the CRC decides.
       {element(R"("id":"m","topic":"t","payload":"!!!!")" + crc), "", ""},
       {element(R"("id":"m","topic":"t","payload":"!!!!","crc":1)"), std::nullopt, corrupt},
@@ -328,7 +325,6 @@ TEST_F(MessagingTest, PollRepeatsUnresponsiveDeliveriesAfterEachPageAndEndsOnAnI
       // Never final: delivered again after each page, never purged.
       {{1, 1, 1}, page2, {"svc.busy:m1", "svc.ok:m3", "purge:m3/1"}, ""},
       {{1}, {0, "Couldn't connect"}, {}, ioError + "Couldn't connect"},
-      {{1}, {503, "busy"}, {}, ioError + "Status Code: 503\n"},
   };
   pages_[kPage1] = {
       200, pageJson(messageJson("m1", "svc.busy", "a") + "," + messageJson("m2", "svc.ok", "b"),

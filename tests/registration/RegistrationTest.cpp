@@ -400,7 +400,6 @@ TEST_F(RegistrarTest, ResponderLogsEachBusStatusAtItsLevel) {
       {0, "INFO " + tag + "Sent successful registration response to com.example.app",
        "INFO " + tag + "Sent failed registration response to com.example.app"},
       {3, unroutable, unroutable},
-      {8, unroutable, unroutable},
       {1, "WARN " + tag + "Service unresponsive. Service: com.example.app Status: 1",
        "WARN " + tag + "Service unresponsive. Service: com.example.app Status: 1"},
       {-5, "WARN " + tag + "Service unresponsive. Service: com.example.app Status: -5",
