@@ -322,9 +322,6 @@ TEST_F(RegistrarTest, FailuresAreAnsweredOrPassedOnUnchangedAndLeaveTheCacheAlon
           {"s1", reply(400, rejected), "ClientError Status Code: 400" + json + rejected},
           {"s1", ioError,
            answer + R"({"error":"ServiceNotAvailable","error_description":"Couldn't connect"})"},
-          {"s1", reply(503, "busy"),
-           answer + R"({"error":"ServiceNotAvailable","error_description":"Status Code: 503)" +
-               R"(\nContent-Type: application/json\nbusy"})"},
           // A success answer without a usable identifier is the service failing.
           {"s1", reply(200, "<html>moved</html>"), unusable("is not JSON: Invalid value.")},
           {"s1", reply(200, R"(["reg-1"])"), unusable("is not a JSON object")},
