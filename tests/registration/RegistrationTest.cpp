@@ -37,15 +37,13 @@ const auto& kAppInitiated = NYXRegistrationReason::AppInitiated;
 // Runs the sqlite3 shell on file and returns what it printed.
 std::string sqliteShell(const std::string& file, const std::string& command) {
   const char* argv[] = {"sqlite3", file.c_str(), command.c_str(), nullptr};
-  gchar* out = nullptr;
-  gchar* err = nullptr;
+  g_autofree gchar* out = nullptr;
+  g_autofree gchar* err = nullptr;
   gint status = -1;
   g_spawn_sync(nullptr, const_cast<gchar**>(argv), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr,
                &out, &err, &status, nullptr);
   const std::string output = out ? out : "";
   EXPECT_EQ(status, 0) << output << (err ? err : "");
-  g_free(out);
-  g_free(err);
   return output;
 }
 
@@ -147,11 +145,8 @@ TEST_F(NYXRegistrationCacheTest, WaitsForAnotherConnectionsLockInsteadOfFailing)
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     sqlite3_exec(other, "COMMIT;", nullptr, nullptr, nullptr);
   });
-  EXPECT_EQ(outcomeOf([&] {
-              NYXRegistrationCache(file()).store("r-locked", {"s"}, kApp, kNoInstance, kDevice, "");
-              return std::string("(nothing thrown)");
-            }),
-            "(nothing thrown)");
+  EXPECT_NO_THROW(
+      NYXRegistrationCache(file()).store("r-locked", {"s"}, kApp, kNoInstance, kDevice, ""));
   release.join();
   EXPECT_EQ(sqliteShell(file(), "SELECT registration_id FROM registration_ids;"), "r-locked\n");
 }
