@@ -204,17 +204,19 @@ TEST_F(MessagingTest, FetchKeepsMessagesWhoseCrcMatchesAndDropsBadElementsAlone)
   const std::string corrupt = "Received corrupted message. MessageID: m MessageTopic: t";
   const std::string bad = "Dropped malformed message. MessageID: m Reason: ";
   auto element = [](const std::string& members) { return R"({"message":{)" + members + "}}"; };
-  // An element, the payload of "m" when kept, the error logged when dropped.
+  // An element, "payload/directed id" of "m" when kept, the error logged
+  // when dropped.
   const std::tuple<std::string, std::optional<std::string>, std::string> cases[] = {
-      {messageJson("m", "t", bytes), bytes, ""},
+      {messageJson("m", "t", bytes), bytes + "/", ""},
       {messageJson("m", "t", bytes, messageCrc32("t", "other")), std::nullopt, corrupt},
       // An undecodable payload counts as empty; the CRC decides.
-      {element(R"("id":"m","topic":"t","payload":"!!!!")" + crc), "", ""},
+      {element(R"("id":"m","topic":"t","payload":"!!!!")" + crc), "/", ""},
       {"5", std::nullopt, "Dropped malformed message. Reason: element is not an object"},
       {element(R"("id":7,"topic":"t","payload":"")" + crc), std::nullopt,
        R"(Dropped malformed message. Reason: "id" is not a string)"},
       {element(R"("id":"m","payload":"")" + crc), std::nullopt, bad + R"(missing "topic")"},
-      {element(R"("id":"m","topic":"t","payload":"","directedCustomerId":null)" + crc), "", ""},
+      {element(R"("id":"m","topic":"t","payload":"","directedCustomerId":null)" + crc), "/", ""},
+      {element(R"("id":"m","topic":"t","payload":"","directedCustomerId":"c")" + crc), "/c", ""},
       {element(R"("id":"m","topic":"t","payload":"","directedCustomerId":1)" + crc), std::nullopt,
        bad + R"("directedCustomerId" is not a string)"},
       {element(R"("id":"m","topic":"t","payload":"","crc":-1)"), std::nullopt,
@@ -230,10 +232,11 @@ TEST_F(MessagingTest, FetchKeepsMessagesWhoseCrcMatchesAndDropsBadElementsAlone)
     EXPECT_TRUE(fetcher_->fetchNextPage(WispPollReason::NUDGE, messages));
     std::vector<std::string> received;
     for (const auto& message : messages) {
-      received.push_back(message.getId() + "=" + message.getPayload());
+      received.push_back(message.getId() + "=" + message.getPayload() + "/" +
+                         message.getDirectedCustomerId());
     }
-    EXPECT_EQ(received, (kept ? std::vector<std::string>{"a=1", "m=" + *kept, "b=2"}
-                              : std::vector<std::string>{"a=1", "b=2"}));
+    EXPECT_EQ(received, (kept ? std::vector<std::string>{"a=1/", "m=" + *kept, "b=2/"}
+                              : std::vector<std::string>{"a=1/", "b=2/"}));
     EXPECT_EQ(log_.count("ERROR"), error.empty() ? 0u : 1u);
     EXPECT_TRUE(error.empty() || log_.count("ERROR WispMessageFetcher: " + error) == 1u);
   }
