@@ -45,11 +45,9 @@ class MockServerTest(unittest.TestCase):
         with open(os.path.join(cls.host_dir, "dynconfig"), "w") as f:
             f.write("# kept\nurl.devicemessaging.getmessages=http://old/\n")
         cls.ready = os.path.join(cls.root, "ready.json")
-        proc, info = rig.start_helper([sys.executable, os.path.join(TOOLS, "mock-server",
-                                                                    "nyx-mock-server"),
-                                       "--root", cls.root, "--quiet", "--page-size", "3",
-                                       "--tls", "--configure"],
-                                      cls.ready, dict(os.environ))
+        argv = [sys.executable, os.path.join(TOOLS, "mock-server", "nyx-mock-server"), "--root",
+                cls.root, "--quiet", "--page-size", "3", "--tls", "--configure"]
+        proc, info = rig.start_helper(argv, cls.ready, dict(os.environ))
         cls.addClassCleanup(rig.stop_process, proc)
         cls.url = info["url"]
         cls.port = urllib.parse.urlsplit(cls.url).port
