@@ -186,7 +186,6 @@ class MockServerTest(unittest.TestCase):
         self.assertEqual((status, data), (200, b'{"messages":[]}'))
 
 
-
 class SimulatorTest(unittest.TestCase):
     def start(self, program, *args):
         """Starts a simulator; returns its process, ready record and log reader."""
