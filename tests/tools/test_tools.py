@@ -1,0 +1,263 @@
+#!/usr/bin/python3
+"""What the end-to-end tests of nyxd do not drive in its tools.
+
+The mock messaging server: refusing requests nyxd never gets wrong, paging,
+the fault kinds that no end-to-end test waits on, and the configuration and
+certificate it installs. Requests are signed with the shared formula that
+nyxd's own signer is tested against; the CRCs are checked by nyxd in those
+tests.
+
+The device simulators: the outbox's reading of entries and its refusals, the
+receiver's decoding of payloads, and a sample application under a well-known
+name. They run as the programs they are on a private bus, driven with this
+test's own bus calls."""
+
+import base64
+import http.client
+import json
+import os
+import shutil
+import signal
+import ssl
+import subprocess
+import sys
+import tempfile
+import unittest
+import urllib.parse
+
+TOOLS = os.path.join(os.path.dirname(os.path.realpath(__file__)), "..", "..", "tools")
+sys.path[:0] = [TOOLS, os.path.join(TOOLS, "simulators")]
+import hbussim  # noqa: E402
+from nyxtools import bus, rig  # noqa: E402
+from nyxtools.wire import ack_entry, signature  # noqa: E402
+from gi.repository import GLib  # noqa: E402
+
+SECRET, SERIAL, DATE = "device-secret-for-tests", "SERIAL0001", "2026-01-02T03:04:05Z"
+RIG = {}
+
+
+def setUpModule():
+    RIG["dir"] = tempfile.mkdtemp(prefix="nyx-sim-")
+    RIG["bus"] = rig.PrivateBus(RIG["dir"])
+    RIG["conn"] = bus.connect(RIG["bus"].address)
+
+
+def tearDownModule():
+    RIG["conn"].close_sync(None)
+    RIG["bus"].stop()
+    shutil.rmtree(RIG["dir"], True)
+
+
+def b64(data):
+    return base64.b64encode(data).decode()
+
+
+def signed_headers(method, target, body=b"", secret=SECRET, customer=None):
+    headers = {"X-Device-Serial": SERIAL, "X-Device-Date": DATE,
+               "X-Device-Signature": signature(secret, method, target, DATE, customer, body)}
+    if customer is not None:
+        headers["X-Device-Customer"] = customer
+    return headers
+
+
+class MockServerTest(unittest.TestCase):
+    """One HTTPS server in its own device root, stopped by pid."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.root = os.path.join(RIG["dir"], "mock-server")
+        rig.make_device_root(cls.root, SERIAL, SECRET, "customer-1")
+        cls.host_dir = os.path.join(cls.root, "etc", "nyx-host")
+        with open(os.path.join(cls.host_dir, "dynconfig"), "w") as f:
+            f.write("# kept\nurl.devicemessaging.getmessages=http://old/\n")
+        cls.ready = os.path.join(cls.root, "ready.json")
+        argv = [sys.executable, os.path.join(TOOLS, "mock-server", "nyx-mock-server"), "--root",
+                cls.root, "--quiet", "--page-size", "3", "--tls", "--configure"]
+        proc, info = rig.start_helper(argv, cls.ready, dict(os.environ))
+        cls.addClassCleanup(rig.stop_process, proc)
+        cls.url = info["url"]
+        cls.port = urllib.parse.urlsplit(cls.url).port
+        cls.context = ssl.create_default_context(cafile=os.path.join(cls.host_dir, "tls", "ca.pem"))
+
+    def setUp(self):
+        self.mock("reset")
+
+    def request(self, method, target, body=b"", headers=None, host="127.0.0.1"):
+        conn = http.client.HTTPSConnection(host, self.port, context=self.context, timeout=10)
+        try:
+            conn.request(method, target, body=body or None, headers=headers or {})
+            reply = conn.getresponse()
+            return reply.status, dict(reply.getheaders()), reply.read()
+        finally:
+            conn.close()
+
+    def fetch(self, target="/v1/messages"):
+        status, headers, data = self.request("GET", target, headers=signed_headers("GET", target))
+        return status, headers.get("Retry-After"), data
+
+    def mock(self, *args):
+        """Runs the nyx-mock client; its JSON answer."""
+        argv = [sys.executable, os.path.join(TOOLS, "mock-server", "nyx-mock"), "--json",
+                "--ready-file", self.ready, *args]
+        done = subprocess.run(argv, capture_output=True, text=True, timeout=20)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        return json.loads(done.stdout)
+
+    def test_a_request_is_refused_unless_its_signature_covers_it_and_its_sender_is_allowed(self):
+        self.mock("reject-sender", "bad.sender")
+        body = b'{"registrationId":"none"}'
+        registration = json.dumps({"platform": "Tessel", "target": "Device",
+                                   "allowedSenders": ["good.sender", "bad.sender"],
+                                   "appInfo": {"service.name": "com.example.chat"}}).encode()
+        post, get = ("POST", "/v1/unregistrations", body), ("GET", "/v1/messages?x=1", b"")
+        cases = [  # name, request, signed with, changes after signing, expected status
+            ("valid POST", post, {}, {}, 200),
+            ("valid GET with query and customer", get, {"customer": "c"}, {}, 200),
+            ("header names in lower case", get, {}, {"lower": True}, 200),
+            ("wrong secret", post, {"secret": "not-it"}, {}, 401),
+            ("body changed", post, {}, {"body": body + b" "}, 401),
+            ("target changed", get, {}, {"target": "/v1/messages?x=2"}, 401),
+            ("customer dropped", get, {"customer": "c"}, {"drop": "X-Device-Customer"}, 401),
+            ("date missing", get, {}, {"drop": "X-Device-Date"}, 401),
+            ("rejected sender", ("POST", "/v1/registrations", registration), {}, {}, 499),
+        ]
+        for name, (method, target, sent), signing, change, expected in cases:
+            with self.subTest(name):
+                headers = signed_headers(method, target, sent, **signing)
+                headers.pop(change.get("drop"), None)
+                if change.get("lower"):
+                    headers = {k.lower(): v for k, v in headers.items()}
+                status, _, data = self.request(method, change.get("target", target),
+                                               change.get("body", sent), headers)
+                # A refused sender is named as the reason.
+                self.assertEqual((status, b'"reason":"InvalidSenderId"' in data),
+                                 (expected, expected == 499), data)
+
+    def test_pages_carry_every_message_and_a_retry_keeps_its_message(self):
+        raw = bytes(range(256))
+        self.mock("enqueue", "com.example.raw", b64(raw), "--b64",
+                  "--directed", "cust-9", "--id", "raw")
+        self.mock("enqueue", "com.example.weather", "forecast", "--count", "3", "--id", "w")
+        first = json.loads(self.fetch()[2])
+        next_page = urllib.parse.urlsplit(first["nextPage"])
+        second = json.loads(self.fetch(next_page.path + "?" + next_page.query)[2])
+        self.assertNotIn("nextPage", second)
+        offered = [m["message"] for m in first["messages"] + second["messages"]]
+        self.assertEqual([m["id"] for m in offered], ["raw", "w-1", "w-2", "w-3"])
+        self.assertEqual((base64.b64decode(offered[0]["payload"]), offered[0]["directedCustomerId"],
+                          offered[1].get("directedCustomerId")), (raw, "cust-9", None))
+        for msg_id, status, retry in [("raw", 1, False), ("w-1", 103, False), ("w-2", 200, True)]:
+            self.assertEqual(self.request("POST", "/admin/ack", ack_entry(msg_id, status, retry))[0],
+                             200)
+        offered = [m["message"]["id"] for m in json.loads(self.fetch()[2])["messages"]]
+        self.assertEqual(offered, ["w-2", "w-3"])
+
+    def test_each_fault_hits_one_fetch(self):
+        self.mock("enqueue", "com.example.t", "p")
+
+        def answer():
+            status, retry_after, data = self.fetch()
+            return status, retry_after, data.startswith(b'{"messages":[{')
+
+        cases = [  # the fault; the status, Retry-After and whether a page came
+            (("status", "--status", "503", "--retry-after", "7"), (503, "7", False)),
+            (("not-json",), (200, None, False)),
+        ]
+        for args, expected in cases:
+            with self.subTest(args[0]):
+                self.mock("fault", *args)
+                self.assertEqual(answer(), expected)
+                self.assertEqual(answer(), (200, None, True), "outlived one fetch")
+
+    def test_configures_the_device_and_serves_https_with_the_installed_ca(self):
+        with open(os.path.join(self.host_dir, "dynconfig")) as f:
+            lines = f.read().splitlines()
+        self.assertEqual(lines[0], "# kept")
+        self.assertEqual(dict(line.split("=", 1) for line in lines[1:]), {
+            "url.devicemessaging.registration": self.url + "/v1/registrations",
+            "url.devicemessaging.unregistration": self.url + "/v1/unregistrations",
+            "url.devicemessaging.getmessages": self.url + "/v1/messages"})
+        # The demo and the device test reach it at 127.0.0.1.
+        status, _, data = self.request("GET", "/v1/messages", host="localhost",
+                                       headers=signed_headers("GET", "/v1/messages"))
+        self.assertEqual((status, data), (200, b'{"messages":[]}'))
+
+
+class SimulatorTest(unittest.TestCase):
+    def start(self, program, *args):
+        """Starts a simulator; returns its process, ready record and log reader."""
+        log = os.path.join(RIG["dir"], "%s.%s.log" % (program, self.id()))
+        env = rig.device_env(RIG["bus"].address, RIG["dir"])
+        proc, ready = rig.start_helper([sys.executable, os.path.join(TOOLS, "simulators", program),
+                                        *args, "--log", log], log + ".ready", env)
+        self.addCleanup(rig.stop_process, proc)
+        return proc, ready, lambda: [json.loads(line) for line in open(log)]
+
+    def call(self, service, method, prop, value=None):
+        return bus.call(RIG["conn"], service, method, prop, value)
+
+    def test_outbox_reads_entries_flags_loose_ones_and_refuses_on_request(self):
+        outbox, _, log = self.start("nyx-outbox-sim")
+        cases = [("m-1", 1, False), ("m-2", 103, False), ("m-3", 200, True)]
+        for case in cases:
+            self.call(bus.OUTBOX, "SetString", "queueMessage", ack_entry(*case))
+        self.assertEqual([(r["id"], r["status"], r["retry"], r.get("problems")) for r in log()],
+                         [case + (None,) for case in cases])
+        self.call(bus.OUTBOX, "SetString", "queueMessage",
+                  ack_entry("m-4", 1, False).replace(",", ", "))
+        self.assertIn("not compact", " ".join(log()[-1]["problems"]))
+        self.call(bus.OUTBOX, "SetInt", "refuseStatus", 42)
+        with self.assertRaisesRegex(GLib.Error, r"GDBus\.Error:hbus\.Error\.Status: 42\b"):
+            self.call(bus.OUTBOX, "SetString", "queueMessage", ack_entry("m-5", 1, False))
+        with self.assertRaisesRegex(GLib.Error, r"GDBus\.Error:hbus\.Error\.NoSuchProperty"):
+            self.call(bus.OUTBOX, "SetInt", "queueMessage", 1)
+        outbox.send_signal(signal.SIGTERM)
+        self.assertEqual(outbox.wait(5), 0)
+
+    def test_receiver_logs_deliveries_with_their_decoded_payload(self):
+        _, _, log = self.start("nyx-receiver-sim", "com.example.weather")
+        cases = [
+            ("wisp_message", '{"id":"w1","directedId":"c-7","payload":"%s"}' % b64(b"rain"),
+             {"id": "w1", "directedId": "c-7", "payload_text": "rain"}),
+            ("nyx_message", '{"id":"n2","payload":"%s"}' % b64(b"\x00\xff\x10"),
+             {"id": "n2", "payload_hex": "00ff10"}),
+        ]
+        for prop, envelope, expected in cases:
+            with self.subTest(envelope):
+                self.call("com.example.weather", "SetString", prop, envelope)
+                record = log()[-1]
+                del record["time"]
+                self.assertEqual(record, dict(expected, property=prop))
+
+    def test_sample_app_with_a_name_registers_at_start_and_is_answered_at_its_name(self):
+        # This connection stands in for nyxd and records the writes it gets.
+        writes = []
+        daemon = hbussim.HbusObject(RIG["conn"], None)
+        daemon.add(hbussim.Property("nyx_register", "s", "", on_write=lambda prop, value, sender:
+                                    writes.append((sender, value))))
+        daemon.export()
+        self.addCleanup(daemon.unexport)
+        hbussim.own_name(RIG["conn"], bus.DAEMON)
+        _, ready, log = self.start("nyx-sample-app", "--name", "com.example.app",
+                                   "--register", "com.start")
+        self.assertEqual(ready["name"], "com.example.app")
+
+        def written():
+            while GLib.MainContext.default().iteration(False):
+                pass
+            return writes
+
+        self.assertEqual(rig.wait_for(written, 5, 0.01), [(ready["unique_name"], "com.start")])
+        self.call("com.example.app", "SetString", "nyx_registration", '{"registration_id":"r-1"}')
+        data = '{"collapse_key":"do_not_collapse","from":"com.sender"}'
+        self.call("com.example.app", "SetString", "nyx_message",
+                  '{"id":"n1","directedId":"c-1","payload":"%s"}' % b64(data.encode()))
+        self.assertEqual(log()[-2]["summary"], "registered with id r-1")
+        record = log()[-1]
+        del record["time"]
+        self.assertEqual(record, {"kind": "message", "id": "n1", "directedId": "c-1",
+                                  "data": json.loads(data)})
+
+
+if __name__ == "__main__":
+    unittest.main()
