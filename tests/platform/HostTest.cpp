@@ -246,7 +246,7 @@ TEST(TlsTest, TrustsCaPemAndRefusesRevokedOrMisnamedServers) {
     const std::string pem = pki.path() + "/" + name;
     servers[name] = std::make_unique<nyxtest::LocalHttpServer>(
         std::vector<nyxtest::HttpAnswer>{},
-        nyxtest::LocalHttpServer::Options{pem + ".pem", pem + ".key", false});
+        nyxtest::LocalHttpServer::Options{pem + ".pem", pem + ".key"});
   }
   const std::string crl = nyxtest::readFile(pki.path() + "/crl.pem");
   const std::string emptyCrl = nyxtest::readFile(pki.path() + "/crl-empty.pem");

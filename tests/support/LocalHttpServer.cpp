@@ -72,9 +72,6 @@ LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script, const Op
     child.argv.insert(child.argv.end(), {"--tls", options.certificateFile, options.keyFile});
     scheme_ = "https";
   }
-  if (options.proxy) {
-    child.argv.push_back("--proxy");
-  }
   process_ = std::make_unique<ChildProcess>(child);
   // The server prints its port alone on its first line.
   waitUntil([this] { return !process_->lines().empty() || !process_->running(); },

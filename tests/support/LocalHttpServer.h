@@ -34,7 +34,7 @@ struct HttpAnswer {
 
 struct RecordedRequest {
   std::string method;
-  // As sent: "/a?b=1", or for a proxy the absolute URL or CONNECT authority.
+  // As sent: "/a?b=1", or to a proxy the absolute URL or CONNECT authority.
   std::string target;
   // In the order received.
   std::vector<std::pair<std::string, std::string>> headers;
@@ -47,8 +47,6 @@ class LocalHttpServer {
     // Both set: serve HTTPS with this certificate chain and key (PEM files).
     std::string certificateFile;
     std::string keyFile;
-    // Be a forward proxy (CONNECT and absolute-form requests) instead.
-    bool proxy = false;
   };
 
   // Throws std::runtime_error when the server does not start.

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A scripted local HTTP(S) server, or forward proxy, for the test suites.
+"""A scripted local HTTP(S) server for the test suites.
 
 Listens on 127.0.0.1 with an ephemeral port and prints the port on its first
 line. Each request is appended to the record file (a JSON array of objects
@@ -9,8 +9,9 @@ is answered.
 Script: a JSON array of answers (status, headers as raw lines, body_base64,
 path, delay, hold). A request takes the first unused answer whose path, if
 any, is its own; without one it gets 404. The line "release" on standard
-input lets held answers go ("released" confirms it).
-With --proxy it tunnels CONNECT and forwards absolute-form requests instead.
+input lets held answers go ("released" confirms it). Used as a proxy, it
+records the absolute URL or the CONNECT authority and answers the same way
+(a CONNECT answered 404 opens no tunnel).
 """
 
 import argparse
@@ -18,9 +19,6 @@ import base64
 import http.server
 import json
 import os
-import select
-import socket
-import socketserver
 import ssl
 import sys
 import threading
@@ -77,62 +75,10 @@ class ScriptedHandler(http.server.BaseHTTPRequestHandler):
         self.wfile.write(head.encode() + payload)
         self.wfile.flush()
 
-    do_GET = do_POST = do_PUT = do_DELETE = do_HEAD = do_PATCH = answer_request
+    do_GET = do_POST = do_PUT = do_DELETE = do_HEAD = do_PATCH = do_CONNECT = answer_request
 
 
-def relay(a, b):
-    try:
-        while True:
-            readable, _, _ = select.select([a, b], [], [], 30)
-            if not readable:
-                return
-            for source in readable:
-                data = source.recv(65536)
-                if not data:
-                    return
-                (b if source is a else a).sendall(data)
-    except OSError:
-        return
-    finally:
-        a.close()
-        b.close()
-
-
-class ProxyHandler(socketserver.BaseRequestHandler):
-    state = None
-
-    def handle(self):
-        client = self.request
-        data = b""
-        while b"\r\n\r\n" not in data:
-            chunk = client.recv(65536)
-            if not chunk:
-                return
-            data += chunk
-        head, rest = data.split(b"\r\n\r\n", 1)
-        lines = head.decode("latin-1").split("\r\n")
-        method, target, version = lines[0].split(" ", 2)
-        headers = [line.split(": ", 1) for line in lines[1:] if ": " in line]
-        self.state.record({"method": method, "target": target, "headers": headers,
-                           "body_base64": ""})
-        if method == "CONNECT":
-            host, port = target.rsplit(":", 1)
-            upstream = socket.create_connection((host, int(port)))
-            client.sendall(b"HTTP/1.1 200 Connection established\r\n\r\n")
-            upstream.sendall(rest)
-        else:
-            parts = urllib.parse.urlsplit(target)
-            upstream = socket.create_connection((parts.hostname, parts.port or 80))
-            origin = (parts.path or "/") + ("?" + parts.query if parts.query else "")
-            kept = [line for line in lines[1:] if not line.lower().startswith("proxy-")]
-            upstream.sendall(("%s %s %s\r\n" % (method, origin, version)).encode("latin-1") +
-                             "\r\n".join(kept).encode("latin-1") + b"\r\n\r\n" + rest)
-        relay(client, upstream)
-
-
-class Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
-    daemon_threads = True
-    allow_reuse_address = True
+class Server(http.server.ThreadingHTTPServer):
     tls_context = None
 
     def get_request(self):
@@ -143,9 +89,6 @@ class Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
             sock = self.tls_context.wrap_socket(sock, server_side=True,
                                                 do_handshake_on_connect=False)
         return sock, address
-
-    def handle_error(self, request, client_address):
-        print("error serving %s: %s" % (client_address, sys.exc_info()[1]), flush=True)
 
 
 def read_commands(state):
@@ -161,16 +104,14 @@ def main():
     parser.add_argument("--record", required=True)
     parser.add_argument("--script", required=True)
     parser.add_argument("--tls", nargs=2, metavar=("CERT", "KEY"))
-    parser.add_argument("--proxy", action="store_true")
     options = parser.parse_args()
 
     with open(options.script) as script:
         state = State(options.record, json.load(script))
     with open(options.record, "w") as out:
         out.write("[]")
-    handler = ProxyHandler if options.proxy else ScriptedHandler
-    handler.state = state
-    server = Server(("127.0.0.1", 0), handler)
+    ScriptedHandler.state = state
+    server = Server(("127.0.0.1", 0), ScriptedHandler)
     if options.tls:
         server.tls_context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         server.tls_context.load_cert_chain(options.tls[0], options.tls[1])
