@@ -248,13 +248,12 @@ TEST(CurlHttpClientTest, SendsEveryRequestExactlyAsBuiltBodyIncluded) {
 }
 
 TEST(CurlHttpClientTest, MergesTheHeadersOfARedirectChainAndKeepsEveryBodyByte) {
-  HttpAnswer moved{302, {"Location: /second", "X-D: 1", "X-C:b"}, "moved"};
-  moved.path = "/first";
-  HttpAnswer last{
+  const HttpAnswer moved{302, {"Location: /second", "X-D: 1", "X-C:b"}, "moved"};
+  const HttpAnswer last{
       503, {"x-d: 2", "X-A: b: c", "X-Empty: ", "X-B:  two  "}, std::string("\0\x01z\xff\0", 5)};
-  last.path = "/second";
   LocalHttpServer server({moved, last});
   const WebResponse response = CurlHttpClient().perform(request(server.url("/first")));
+  EXPECT_EQ(server.requests().back().target, "/second");
   EXPECT_EQ(response.getStatusCode(), 503u);
   EXPECT_EQ(response.getBody(), last.body);
   // Split at the first ": " (none: skipped); later blocks win, the first spelling stays.

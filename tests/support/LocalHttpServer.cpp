@@ -42,10 +42,6 @@ std::string scriptJson(const std::vector<HttpAnswer>& script) {
     writer.EndArray();
     writer.Key("body_base64");
     writer.String(encodeBase64(answer.body));
-    if (!answer.path.empty()) {
-      writer.Key("path");
-      writer.String(answer.path);
-    }
     writer.Key("delay");
     writer.Double(answer.delaySeconds);
     writer.Key("hold");
@@ -57,9 +53,6 @@ std::string scriptJson(const std::vector<HttpAnswer>& script) {
 }
 
 }  // namespace
-
-LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script)
-    : LocalHttpServer(script, Options()) {}
 
 LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script, const Options& options) {
   writeFile(dir_.path() + "/script.json", scriptJson(script));

@@ -13,8 +13,8 @@
 
 namespace nyxtest {
 
-// One scripted answer. A request takes the first unused answer whose path
-// matches; without one the server answers 404 "no scripted answer".
+// One scripted answer. Requests take the answers in turn; once they are
+// used up the server answers 404 "no scripted answer".
 struct HttpAnswer {
   HttpAnswer(unsigned status = 200, std::vector<std::string> headerLines = {},
              std::string body = "")
@@ -24,8 +24,6 @@ struct HttpAnswer {
   // Written as given, malformed ones too; "Content-Length" is added unless given.
   std::vector<std::string> headerLines;
   std::string body;
-  // When not empty, only a request for this path (query left out) takes it.
-  std::string path;
   double delaySeconds = 0;
   // Not sent before release() (or the server's end): a server holding its
   // answer for as long as the test needs.
@@ -50,8 +48,7 @@ class LocalHttpServer {
   };
 
   // Throws std::runtime_error when the server does not start.
-  explicit LocalHttpServer(const std::vector<HttpAnswer>& script = {});
-  LocalHttpServer(const std::vector<HttpAnswer>& script, const Options& options);
+  explicit LocalHttpServer(const std::vector<HttpAnswer>& script = {}, const Options& options = {});
   LocalHttpServer(const LocalHttpServer&) = delete;
   LocalHttpServer& operator=(const LocalHttpServer&) = delete;
 

@@ -7,11 +7,11 @@ with method, target, headers as [name, value] pairs and body_base64) before it
 is answered.
 
 Script: a JSON array of answers (status, headers as raw lines, body_base64,
-path, delay, hold). A request takes the first unused answer whose path, if
-any, is its own; without one it gets 404. The line "release" on standard
-input lets held answers go ("released" confirms it). Used as a proxy, it
-records the absolute URL or the CONNECT authority and answers the same way
-(a CONNECT answered 404 opens no tunnel).
+delay, hold), taken in turn by the requests as they come; once they are used
+up a request gets 404. The line "release" on standard input lets held
+answers go ("released" confirms it). Used as a proxy, it records the absolute
+URL or the CONNECT authority and answers the same way (a CONNECT answered 404
+opens no tunnel).
 """
 
 import argparse
@@ -23,13 +23,12 @@ import ssl
 import sys
 import threading
 import time
-import urllib.parse
 
 
 class State:
     def __init__(self, record_path, script):
         self.lock, self.record_path = threading.Lock(), record_path
-        self.script, self.used, self.records = script, set(), []
+        self.answers, self.records = iter(script), []
         self.released = threading.Event()
 
     def record(self, entry):
@@ -39,13 +38,10 @@ class State:
                 json.dump(self.records, out)
             os.replace(self.record_path + ".tmp", self.record_path)
 
-    def take_answer(self, path):
+    def take_answer(self):
         with self.lock:
-            for index, answer in enumerate(self.script):
-                if index not in self.used and answer.get("path", path) == path:
-                    self.used.add(index)
-                    return answer
-        return {"status": 404, "body_base64": base64.b64encode(b"no scripted answer")}
+            return next(self.answers, {"status": 404,
+                                       "body_base64": base64.b64encode(b"no scripted answer")})
 
 
 class ScriptedHandler(http.server.BaseHTTPRequestHandler):
@@ -62,7 +58,7 @@ class ScriptedHandler(http.server.BaseHTTPRequestHandler):
         self.state.record({"method": self.command, "target": self.path, "headers": headers,
                            "body_base64": base64.b64encode(body).decode()})
 
-        answer = self.state.take_answer(urllib.parse.urlsplit(self.path).path)
+        answer = self.state.take_answer()
         if answer.get("hold"):
             self.state.released.wait()
         time.sleep(float(answer.get("delay", 0)))
