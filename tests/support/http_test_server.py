@@ -25,42 +25,28 @@ import threading
 import time
 
 
-class State:
-    def __init__(self, record_path, script):
-        self.lock, self.record_path = threading.Lock(), record_path
-        self.answers, self.records = iter(script), []
-        self.released = threading.Event()
-
-    def record(self, entry):
-        with self.lock:
-            self.records.append(entry)
-            with open(self.record_path + ".tmp", "w") as out:
-                json.dump(self.records, out)
-            os.replace(self.record_path + ".tmp", self.record_path)
-
-    def take_answer(self):
-        with self.lock:
-            return next(self.answers, {"status": 404,
-                                       "body_base64": base64.b64encode(b"no scripted answer")})
-
-
 class ScriptedHandler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
-    state = None
+    lock, released = threading.Lock(), threading.Event()
+    answers, records, record_path = iter(()), [], None
 
     def log_message(self, format, *args):
         pass
 
     def answer_request(self):
-        length = int(self.headers.get("Content-Length", "0") or "0")
-        body = self.rfile.read(length) if length > 0 else b""
-        headers = [[name, value] for name, value in self.headers.items()]
-        self.state.record({"method": self.command, "target": self.path, "headers": headers,
-                           "body_base64": base64.b64encode(body).decode()})
+        body = self.rfile.read(int(self.headers.get("Content-Length") or 0))
+        with self.lock:
+            self.records.append({"method": self.command, "target": self.path,
+                                 "headers": self.headers.items(),
+                                 "body_base64": base64.b64encode(body).decode()})
+            with open(self.record_path + ".tmp", "w") as out:
+                json.dump(self.records, out)
+            os.replace(self.record_path + ".tmp", self.record_path)
+            answer = next(self.answers, {"status": 404,
+                                         "body_base64": base64.b64encode(b"no scripted answer")})
 
-        answer = self.state.take_answer()
         if answer.get("hold"):
-            self.state.released.wait()
+            self.released.wait()
         time.sleep(float(answer.get("delay", 0)))
         payload = base64.b64decode(answer.get("body_base64", ""))
         lines = list(answer.get("headers", []))
@@ -74,23 +60,10 @@ class ScriptedHandler(http.server.BaseHTTPRequestHandler):
     do_GET = do_POST = do_PUT = do_DELETE = do_HEAD = do_PATCH = do_CONNECT = answer_request
 
 
-class Server(http.server.ThreadingHTTPServer):
-    tls_context = None
-
-    def get_request(self):
-        sock, address = super().get_request()
-        if self.tls_context is not None:
-            # Handshake on the request's own thread, so a client that rejects
-            # the certificate does not stall the accepting thread.
-            sock = self.tls_context.wrap_socket(sock, server_side=True,
-                                                do_handshake_on_connect=False)
-        return sock, address
-
-
-def read_commands(state):
+def read_commands():
     for line in sys.stdin:
         if line.strip() == "release":
-            state.released.set()
+            ScriptedHandler.released.set()
             print("released", flush=True)
     os._exit(0)  # the test closed our input or died: do not outlive it
 
@@ -103,16 +76,20 @@ def main():
     options = parser.parse_args()
 
     with open(options.script) as script:
-        state = State(options.record, json.load(script))
+        ScriptedHandler.answers = iter(json.load(script))
+    ScriptedHandler.record_path = options.record
     with open(options.record, "w") as out:
         out.write("[]")
-    ScriptedHandler.state = state
-    server = Server(("127.0.0.1", 0), ScriptedHandler)
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), ScriptedHandler)
     if options.tls:
-        server.tls_context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        server.tls_context.load_cert_chain(options.tls[0], options.tls[1])
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(*options.tls)
+        # Accepted connections handshake on their request's own thread, so a
+        # client that rejects the certificate does not stall the accepting one.
+        server.socket = context.wrap_socket(server.socket, server_side=True,
+                                            do_handshake_on_connect=False)
     print(server.server_address[1], flush=True)
-    threading.Thread(target=read_commands, args=(state,), daemon=True).start()
+    threading.Thread(target=read_commands, daemon=True).start()
     server.serve_forever()
 
 
