@@ -62,7 +62,6 @@ TEST(DeviceFilesTest, AreParsedAndReadAnewAtEveryCall) {
     const char *file, *content;  // content nullptr: no file
     std::optional<std::string> expected;
   } cases[] = {
-      {"dynconfig", "url=https://a\n", "https://a"},
       {"dynconfig", "  url \t=  https://h/p?a=1&b=2  \r\n", "https://h/p?a=1&b=2"},
       {"dynconfig", "url=one\n# url=x\n\n  \nurl=two", "two"},
       {"dynconfig", "#url=one\nurl\nurl2=3\n", std::nullopt},

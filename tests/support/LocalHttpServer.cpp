@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "daemon/common/COwners.h"
 #include "daemon/common/Json.h"
 
 namespace nyxtest {
@@ -12,18 +13,15 @@ namespace nyxtest {
 namespace {
 
 std::string encodeBase64(const std::string& bytes) {
-  gchar* text = g_base64_encode(reinterpret_cast<const guchar*>(bytes.data()), bytes.size());
-  std::string copy(text);
-  g_free(text);
-  return copy;
+  const COwner<gchar, g_free> text(
+      g_base64_encode(reinterpret_cast<const guchar*>(bytes.data()), bytes.size()));
+  return text.get();
 }
 
 std::string decodeBase64(const char* text) {
   gsize length = 0;
-  guchar* bytes = g_base64_decode(text, &length);
-  std::string copy(reinterpret_cast<const char*>(bytes), length);
-  g_free(bytes);
-  return copy;
+  const COwner<guchar, g_free> bytes(g_base64_decode(text, &length));
+  return std::string(reinterpret_cast<const char*>(bytes.get()), length);
 }
 
 std::string scriptJson(const std::vector<HttpAnswer>& script) {
