@@ -107,7 +107,6 @@ std::vector<std::string> pythonHmacs(const std::vector<std::string>& inputs) {
 TEST(SigningTest, HeadersCarryAnHmacThatPythonComputesAlike) {
   nyxtest::NyxRoot root;
   GHashTable* table = nullptr;
-  EXPECT_NE(libauth_getProxyHeaders(&table, "/", "GET", "", 0, nullptr), 0) << "no credentials";
   EXPECT_EQ(libauth_getSignedDigest(reinterpret_cast<const unsigned char*>("x"), 1, "c"), nullptr);
   root.writePlatformFile("device-serial", "SERIAL-0001\n");
   root.writePlatformFile("device-secret", "s3cret key\n");
@@ -117,7 +116,6 @@ TEST(SigningTest, HeadersCarryAnHmacThatPythonComputesAlike) {
       {"GET", "https://h:8443/v1/messages?page=1", "/v1/messages?page=1", "", nullptr},
       {"POST", "https://u:pw@h/a/b?x=1&y=2#f", "/a/b?x=1&y=2#f", "{\"a\":[1,2]}", "cust-7"},
       {"POST", "http://[::1]:8080/v1/register", "/v1/register", "grüße \x01", "c"},
-      {"GET", "https://h", "/", "", nullptr},
       {"GET", "https://h:8443?a=1", "/?a=1", "", "c"},
       {"GET", "/relative/path", nullptr, "", nullptr},
   };
