@@ -283,35 +283,25 @@ TEST(CurlHttpClientTest, FailedTransfersBecomeIOErrorWithCurlsText) {
   }
 }
 
-// The host platform under a test root, and the test PKI (a CA, and a
-// certificate it signed for 127.0.0.1).
-class DeviceTest : public testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY",
-                             "no_proxy", "NO_PROXY"})
-      unsetenv(name);  // they would hide whether the client chose a proxy
-    nyxtest::ChildProcess make(
-        {{"sh", nyxtest::sourceDir() + "/tests/platform/make-test-pki.sh", file("")}});
-    ASSERT_EQ(make.waitForExit(nyxtest::milliseconds(60000)), 0) << make.output();
-  }
-  static std::string file(const char* name) {
-    static const nyxtest::TempDir dir;
-    return dir.path() + "/" + name;
-  }
-  static LocalHttpServer::Options https() { return {file("good.pem"), file("good.key")}; }
-
-  nyxtest::NyxRoot root_;
-};
-
-TEST_F(DeviceTest, TrustsTheDeviceAnchorsAndUsesTheProxyOfTheProxiedInterface) {
-  LocalHttpServer origin, secureOrigin({}, https()), proxy;
+// The device transport on the host platform, under a test root, with the test
+// PKI (a CA, and a certificate it signed for 127.0.0.1).
+TEST(DeviceTransportTest, TrustsTheDeviceAnchorsAndUsesTheProxyOfTheProxiedInterface) {
+  for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY",
+                           "no_proxy", "NO_PROXY"})
+    unsetenv(name);  // they would hide whether the client chose a proxy
+  const nyxtest::TempDir pki;
+  nyxtest::ChildProcess make(
+      {{"sh", nyxtest::sourceDir() + "/tests/platform/make-test-pki.sh", pki.path()}});
+  ASSERT_EQ(make.waitForExit(nyxtest::milliseconds(60000)), 0) << make.output();
+  nyxtest::NyxRoot root;
+  LocalHttpServer origin, secureOrigin({}, {pki.path() + "/good.pem", pki.path() + "/good.key"}),
+      proxy;
   const auto fetch = [&] {
     return outcome([&] { return TesselCurlHttpClient().perform(request(secureOrigin.url())); });
   };
   EXPECT_THAT(fetch(), testing::StartsWith(std::string("IOError ") +
                                            curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION)));
-  root_.writePlatformFile("tls/ca.pem", nyxtest::readFile(file("ca.pem")));
+  root.writePlatformFile("tls/ca.pem", nyxtest::readFile(pki.path() + "/ca.pem"));
   EXPECT_EQ(fetch(), "returns 404");
 
   const std::string proxyLine = "proxy=127.0.0.1:" + std::to_string(proxy.port()) + "\n";
@@ -328,7 +318,7 @@ TEST_F(DeviceTest, TrustsTheDeviceAnchorsAndUsesTheProxyOfTheProxiedInterface) {
   TesselCurlHttpClient client;  // one client: the proxy is looked up for each attempt
   for (const auto& [network, secure, proxied, ended] : cases) {
     SCOPED_TRACE(network + (secure ? " https" : " http"));
-    root_.writePlatformFile("network", network);
+    root.writePlatformFile("network", network);
     const size_t before = proxy.requests().size();
     LocalHttpServer& target = secure ? secureOrigin : origin;
     EXPECT_THAT(outcome([&] { return client.perform(request(target.url("/poll?x=1"))); }),
