@@ -1,5 +1,5 @@
 // The retry loop (on a scripted transport that records its waits) and the errors;
-// the curl transports and the signer against local servers.
+// the curl transports against local servers, and the signer without credentials.
 #include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
