@@ -6,22 +6,18 @@
 # EC keys keep it fast.
 set -eu
 cd "$1"
-key() { openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$1" 2>/dev/null; }
+ec="-newkey ec -pkeyopt ec_paramgen_curve:P-256 -noenc"
 printf '[ca]\ndefault_ca=t\n[t]\ndatabase=index.txt\ncrlnumber=crlnumber\ndefault_md=sha256\ndefault_crl_days=2\n' > ca.cnf
 : > index.txt
 echo 01 > crlnumber
-printf 'subjectAltName=DNS:localhost,IP:127.0.0.1\nbasicConstraints=CA:FALSE\n' > server.ext
-key ca.key
-openssl req -x509 -new -key ca.key -out ca.pem -days 2 -subj "/CN=nyx test CA" 2>/dev/null
-serial=1000
+openssl req -x509 $ec -keyout ca.key -out ca.pem -days 2 -subj "/CN=nyx test CA" 2>/dev/null
 for name in good revoked expired; do
-  key "$name.key"
-  openssl req -new -key "$name.key" -out "$name.csr" -subj "/CN=localhost" 2>/dev/null
-  serial=$((serial + 1))
+  openssl req -new $ec -keyout "$name.key" -out "$name.csr" -subj "/CN=localhost" \
+    -addext subjectAltName=DNS:localhost,IP:127.0.0.1 -addext basicConstraints=CA:FALSE 2>/dev/null
   days=2
   [ "$name" = expired ] && days=-1
-  openssl x509 -req -in "$name.csr" -CA ca.pem -CAkey ca.key -set_serial "$serial" \
-    -days "$days" -extfile server.ext -out "$name.pem" 2>/dev/null
+  openssl x509 -req -in "$name.csr" -CA ca.pem -CAkey ca.key -CAcreateserial -days "$days" \
+    -copy_extensions copy -out "$name.pem" 2>/dev/null
 done
 openssl ca -config ca.cnf -keyfile ca.key -cert ca.pem -gencrl -out crl-empty.pem 2>/dev/null
 openssl ca -config ca.cnf -keyfile ca.key -cert ca.pem -revoke revoked.pem 2>/dev/null

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "daemon/common/COwners.h"
 #include "daemon/common/Json.h"
 
 namespace nyxtest {
@@ -12,18 +13,15 @@ namespace nyxtest {
 namespace {
 
 std::string encodeBase64(const std::string& bytes) {
-  gchar* text = g_base64_encode(reinterpret_cast<const guchar*>(bytes.data()), bytes.size());
-  std::string copy(text);
-  g_free(text);
-  return copy;
+  const COwner<gchar, g_free> text(
+      g_base64_encode(reinterpret_cast<const guchar*>(bytes.data()), bytes.size()));
+  return text.get();
 }
 
 std::string decodeBase64(const char* text) {
   gsize length = 0;
-  guchar* bytes = g_base64_decode(text, &length);
-  std::string copy(reinterpret_cast<const char*>(bytes), length);
-  g_free(bytes);
-  return copy;
+  const COwner<guchar, g_free> bytes(g_base64_decode(text, &length));
+  return std::string(reinterpret_cast<const char*>(bytes.get()), length);
 }
 
 std::string scriptJson(const std::vector<HttpAnswer>& script) {
@@ -42,10 +40,6 @@ std::string scriptJson(const std::vector<HttpAnswer>& script) {
     writer.EndArray();
     writer.Key("body_base64");
     writer.String(encodeBase64(answer.body));
-    if (!answer.path.empty()) {
-      writer.Key("path");
-      writer.String(answer.path);
-    }
     writer.Key("delay");
     writer.Double(answer.delaySeconds);
     writer.Key("hold");
@@ -58,9 +52,6 @@ std::string scriptJson(const std::vector<HttpAnswer>& script) {
 
 }  // namespace
 
-LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script)
-    : LocalHttpServer(script, Options()) {}
-
 LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script, const Options& options) {
   writeFile(dir_.path() + "/script.json", scriptJson(script));
   const std::string& d = dir_.path();
@@ -71,9 +62,6 @@ LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script, const Op
   if (!options.certificateFile.empty() && !options.keyFile.empty()) {
     child.argv.insert(child.argv.end(), {"--tls", options.certificateFile, options.keyFile});
     scheme_ = "https";
-  }
-  if (options.proxy) {
-    child.argv.push_back("--proxy");
   }
   process_ = std::make_unique<ChildProcess>(child);
   // The server prints its port alone on its first line.

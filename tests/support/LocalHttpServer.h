@@ -13,8 +13,8 @@
 
 namespace nyxtest {
 
-// One scripted answer. A request takes the first unused answer whose path
-// matches; without one the server answers 404 "no scripted answer".
+// One scripted answer. Requests take the answers in turn; once they are
+// used up the server answers 404 "no scripted answer".
 struct HttpAnswer {
   HttpAnswer(unsigned status = 200, std::vector<std::string> headerLines = {},
              std::string body = "")
@@ -24,8 +24,6 @@ struct HttpAnswer {
   // Written as given, malformed ones too; "Content-Length" is added unless given.
   std::vector<std::string> headerLines;
   std::string body;
-  // When not empty, only a request for this path (query left out) takes it.
-  std::string path;
   double delaySeconds = 0;
   // Not sent before release() (or the server's end): a server holding its
   // answer for as long as the test needs.
@@ -34,7 +32,7 @@ struct HttpAnswer {
 
 struct RecordedRequest {
   std::string method;
-  // As sent: "/a?b=1", or for a proxy the absolute URL or CONNECT authority.
+  // As sent: "/a?b=1", or to a proxy the absolute URL or CONNECT authority.
   std::string target;
   // In the order received.
   std::vector<std::pair<std::string, std::string>> headers;
@@ -47,13 +45,10 @@ class LocalHttpServer {
     // Both set: serve HTTPS with this certificate chain and key (PEM files).
     std::string certificateFile;
     std::string keyFile;
-    // Be a forward proxy (CONNECT and absolute-form requests) instead.
-    bool proxy = false;
   };
 
   // Throws std::runtime_error when the server does not start.
-  explicit LocalHttpServer(const std::vector<HttpAnswer>& script = {});
-  LocalHttpServer(const std::vector<HttpAnswer>& script, const Options& options);
+  explicit LocalHttpServer(const std::vector<HttpAnswer>& script = {}, const Options& options = {});
   LocalHttpServer(const LocalHttpServer&) = delete;
   LocalHttpServer& operator=(const LocalHttpServer&) = delete;
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A scripted local HTTP(S) server, or forward proxy, for the test suites.
+"""A scripted local HTTP(S) server for the test suites.
 
 Listens on 127.0.0.1 with an ephemeral port and prints the port on its first
 line. Each request is appended to the record file (a JSON array of objects
@@ -7,10 +7,11 @@ with method, target, headers as [name, value] pairs and body_base64) before it
 is answered.
 
 Script: a JSON array of answers (status, headers as raw lines, body_base64,
-path, delay, hold). A request takes the first unused answer whose path, if
-any, is its own; without one it gets 404. The line "release" on standard
-input lets held answers go ("released" confirms it).
-With --proxy it tunnels CONNECT and forwards absolute-form requests instead.
+delay, hold), taken in turn by the requests as they come; once they are used
+up a request gets 404. The line "release" on standard input lets held
+answers go ("released" confirms it). Used as a proxy, it records the absolute
+URL or the CONNECT authority and answers the same way (a CONNECT answered 404
+opens no tunnel).
 """
 
 import argparse
@@ -18,55 +19,34 @@ import base64
 import http.server
 import json
 import os
-import select
-import socket
-import socketserver
 import ssl
 import sys
 import threading
 import time
-import urllib.parse
-
-
-class State:
-    def __init__(self, record_path, script):
-        self.lock, self.record_path = threading.Lock(), record_path
-        self.script, self.used, self.records = script, set(), []
-        self.released = threading.Event()
-
-    def record(self, entry):
-        with self.lock:
-            self.records.append(entry)
-            with open(self.record_path + ".tmp", "w") as out:
-                json.dump(self.records, out)
-            os.replace(self.record_path + ".tmp", self.record_path)
-
-    def take_answer(self, path):
-        with self.lock:
-            for index, answer in enumerate(self.script):
-                if index not in self.used and answer.get("path", path) == path:
-                    self.used.add(index)
-                    return answer
-        return {"status": 404, "body_base64": base64.b64encode(b"no scripted answer")}
 
 
 class ScriptedHandler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
-    state = None
+    lock, released = threading.Lock(), threading.Event()
+    answers, records, record_path = iter(()), [], None
 
     def log_message(self, format, *args):
         pass
 
     def answer_request(self):
-        length = int(self.headers.get("Content-Length", "0") or "0")
-        body = self.rfile.read(length) if length > 0 else b""
-        headers = [[name, value] for name, value in self.headers.items()]
-        self.state.record({"method": self.command, "target": self.path, "headers": headers,
-                           "body_base64": base64.b64encode(body).decode()})
+        body = self.rfile.read(int(self.headers.get("Content-Length") or 0))
+        with self.lock:
+            self.records.append({"method": self.command, "target": self.path,
+                                 "headers": self.headers.items(),
+                                 "body_base64": base64.b64encode(body).decode()})
+            with open(self.record_path + ".tmp", "w") as out:
+                json.dump(self.records, out)
+            os.replace(self.record_path + ".tmp", self.record_path)
+            answer = next(self.answers, {"status": 404,
+                                         "body_base64": base64.b64encode(b"no scripted answer")})
 
-        answer = self.state.take_answer(urllib.parse.urlsplit(self.path).path)
         if answer.get("hold"):
-            self.state.released.wait()
+            self.released.wait()
         time.sleep(float(answer.get("delay", 0)))
         payload = base64.b64decode(answer.get("body_base64", ""))
         lines = list(answer.get("headers", []))
@@ -77,81 +57,13 @@ class ScriptedHandler(http.server.BaseHTTPRequestHandler):
         self.wfile.write(head.encode() + payload)
         self.wfile.flush()
 
-    do_GET = do_POST = do_PUT = do_DELETE = do_HEAD = do_PATCH = answer_request
+    do_GET = do_POST = do_PUT = do_DELETE = do_HEAD = do_PATCH = do_CONNECT = answer_request
 
 
-def relay(a, b):
-    try:
-        while True:
-            readable, _, _ = select.select([a, b], [], [], 30)
-            if not readable:
-                return
-            for source in readable:
-                data = source.recv(65536)
-                if not data:
-                    return
-                (b if source is a else a).sendall(data)
-    except OSError:
-        return
-    finally:
-        a.close()
-        b.close()
-
-
-class ProxyHandler(socketserver.BaseRequestHandler):
-    state = None
-
-    def handle(self):
-        client = self.request
-        data = b""
-        while b"\r\n\r\n" not in data:
-            chunk = client.recv(65536)
-            if not chunk:
-                return
-            data += chunk
-        head, rest = data.split(b"\r\n\r\n", 1)
-        lines = head.decode("latin-1").split("\r\n")
-        method, target, version = lines[0].split(" ", 2)
-        headers = [line.split(": ", 1) for line in lines[1:] if ": " in line]
-        self.state.record({"method": method, "target": target, "headers": headers,
-                           "body_base64": ""})
-        if method == "CONNECT":
-            host, port = target.rsplit(":", 1)
-            upstream = socket.create_connection((host, int(port)))
-            client.sendall(b"HTTP/1.1 200 Connection established\r\n\r\n")
-            upstream.sendall(rest)
-        else:
-            parts = urllib.parse.urlsplit(target)
-            upstream = socket.create_connection((parts.hostname, parts.port or 80))
-            origin = (parts.path or "/") + ("?" + parts.query if parts.query else "")
-            kept = [line for line in lines[1:] if not line.lower().startswith("proxy-")]
-            upstream.sendall(("%s %s %s\r\n" % (method, origin, version)).encode("latin-1") +
-                             "\r\n".join(kept).encode("latin-1") + b"\r\n\r\n" + rest)
-        relay(client, upstream)
-
-
-class Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
-    daemon_threads = True
-    allow_reuse_address = True
-    tls_context = None
-
-    def get_request(self):
-        sock, address = super().get_request()
-        if self.tls_context is not None:
-            # Handshake on the request's own thread, so a client that rejects
-            # the certificate does not stall the accepting thread.
-            sock = self.tls_context.wrap_socket(sock, server_side=True,
-                                                do_handshake_on_connect=False)
-        return sock, address
-
-    def handle_error(self, request, client_address):
-        print("error serving %s: %s" % (client_address, sys.exc_info()[1]), flush=True)
-
-
-def read_commands(state):
+def read_commands():
     for line in sys.stdin:
         if line.strip() == "release":
-            state.released.set()
+            ScriptedHandler.released.set()
             print("released", flush=True)
     os._exit(0)  # the test closed our input or died: do not outlive it
 
@@ -161,21 +73,23 @@ def main():
     parser.add_argument("--record", required=True)
     parser.add_argument("--script", required=True)
     parser.add_argument("--tls", nargs=2, metavar=("CERT", "KEY"))
-    parser.add_argument("--proxy", action="store_true")
     options = parser.parse_args()
 
     with open(options.script) as script:
-        state = State(options.record, json.load(script))
+        ScriptedHandler.answers = iter(json.load(script))
+    ScriptedHandler.record_path = options.record
     with open(options.record, "w") as out:
         out.write("[]")
-    handler = ProxyHandler if options.proxy else ScriptedHandler
-    handler.state = state
-    server = Server(("127.0.0.1", 0), handler)
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), ScriptedHandler)
     if options.tls:
-        server.tls_context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        server.tls_context.load_cert_chain(options.tls[0], options.tls[1])
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(*options.tls)
+        # Accepted connections handshake on their request's own thread, so a
+        # client that rejects the certificate does not stall the accepting one.
+        server.socket = context.wrap_socket(server.socket, server_side=True,
+                                            do_handshake_on_connect=False)
     print(server.server_address[1], flush=True)
-    threading.Thread(target=read_commands, args=(state,), daemon=True).start()
+    threading.Thread(target=read_commands, daemon=True).start()
     server.serve_forever()
 
 
