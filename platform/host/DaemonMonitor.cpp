@@ -11,7 +11,6 @@
 #include <string>
 
 #include "daemon_monitor.h"
-#include "nyx_host_monitor.h"
 
 namespace {
 
@@ -51,8 +50,3 @@ int initialize(const char* /*daemonName*/, int /*checkIntervalSeconds*/) {
 int incrementProcessActivity(void) { return change(1); }
 
 int decrementProcessActivity(void) { return change(-1); }
-
-int nyx_host_monitor_activity_count(void) {
-  std::lock_guard<std::mutex> lock(monitorMutex);
-  return activityCount;
-}
