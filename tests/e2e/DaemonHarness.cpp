@@ -7,6 +7,9 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "daemon/common/COwners.h"
+#include "hbus.h"
+
 namespace nyxtest {
 
 namespace {
@@ -28,25 +31,6 @@ std::string waitForReadyFile(const std::string& path, const ChildProcess& proces
   }
   return content;
 }
-
-// systemd gives a service a soft limit of 1,024 open files, whatever the
-// limit of the shell that runs the tests. A child inherits the limit in
-// force when it is started; while this object lives, that is the service's.
-class ServiceOpenFileLimit {
- public:
-  ServiceOpenFileLimit() {
-    getrlimit(RLIMIT_NOFILE, &saved_);
-    rlimit service = saved_;
-    service.rlim_cur = std::min<rlim_t>(1024, saved_.rlim_max);
-    setrlimit(RLIMIT_NOFILE, &service);
-  }
-  ~ServiceOpenFileLimit() { setrlimit(RLIMIT_NOFILE, &saved_); }
-  ServiceOpenFileLimit(const ServiceOpenFileLimit&) = delete;
-  ServiceOpenFileLimit& operator=(const ServiceOpenFileLimit&) = delete;
-
- private:
-  rlimit saved_{};
-};
 
 }  // namespace
 
@@ -101,9 +85,18 @@ std::unique_ptr<ChildProcess> DaemonHarness::startSimulator(const std::string& n
 }
 
 std::unique_ptr<ChildProcess> DaemonHarness::nyxd() {
-  ServiceOpenFileLimit limit;
-  return std::make_unique<ChildProcess>(
-      ChildProcess::Options{{binaryDir() + "/daemon/nyxd"}, true});
+  // systemd gives a service a soft limit of 1,024 open files, whatever the
+  // limit of the shell that runs the tests; a child starts with the limit in
+  // force when it is started.
+  rlimit saved{};
+  getrlimit(RLIMIT_NOFILE, &saved);
+  rlimit service = saved;
+  service.rlim_cur = std::min<rlim_t>(1024, saved.rlim_max);
+  setrlimit(RLIMIT_NOFILE, &service);
+  auto daemon =
+      std::make_unique<ChildProcess>(ChildProcess::Options{{binaryDir() + "/daemon/nyxd"}, true});
+  setrlimit(RLIMIT_NOFILE, &saved);
+  return daemon;
 }
 
 ChildProcess& DaemonHarness::startDaemon() {
@@ -114,26 +107,17 @@ ChildProcess& DaemonHarness::startDaemon() {
   return *daemon_;
 }
 
-int DaemonHarness::hbus(const std::vector<std::string>& arguments) {
-  std::vector<std::string> argv = {binaryDir() + "/tools/hbus/hbus"};
-  argv.insert(argv.end(), arguments.begin(), arguments.end());
-  ChildProcess process({argv, true});
-  auto status = process.waitForExit(milliseconds(20000));
-  if (!status) {
-    throw std::runtime_error("hbus did not finish");
-  }
-  return *status;
-}
-
-void DaemonHarness::writeDaemon(const std::string& property, int value) {
-  if (hbus({"set-int", "cobalt.device.messaging", property, std::to_string(value)}) != 0) {
-    throw std::runtime_error("hbus set-int " + property + " failed");
-  }
-}
-
-void DaemonHarness::writeDaemon(const std::string& property, const std::string& value) {
-  if (hbus({"set", "cobalt.device.messaging", property, value}) != 0) {
-    throw std::runtime_error("hbus set " + property + " failed");
+void DaemonHarness::write(const std::string& property, const std::variant<int, std::string>& value,
+                          const std::string& service) {
+  COwner<HbusHandleStruct, HbusClose> writer(HbusInitEx(nullptr, nullptr));
+  const int status = std::holds_alternative<int>(value)
+                         ? HbusSetIntProperty(writer.get(), service.c_str(), property.c_str(),
+                                              std::get<int>(value))
+                         : HbusSetStringProperty(writer.get(), service.c_str(), property.c_str(),
+                                                 std::get<std::string>(value).c_str());
+  if (status != HBUS_STATUS_OK) {
+    throw std::runtime_error("writing " + property + " of " + service + ": status " +
+                             std::to_string(status));
   }
 }
 

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "daemon/common/Json.h"
@@ -41,11 +42,10 @@ class DaemonHarness {
                                                std::vector<std::string> arguments,
                                                bool inputPipe = false);
   void stopShell() { shell_.reset(); }
-  // Runs the hbus tool and returns its exit status.
-  int hbus(const std::vector<std::string>& arguments);
-  // hbus "set-int" (or "set" for a string) on the daemon's own service; throws on failure.
-  void writeDaemon(const std::string& property, int value);
-  void writeDaemon(const std::string& property, const std::string& value);
+  // Writes a property of a service (by default nyxd's) as an application
+  // does, over a bus connection of its own; throws unless answered with 0.
+  void write(const std::string& property, const std::variant<int, std::string>& value,
+             const std::string& service = "cobalt.device.messaging");
   // Runs the mock server's client with --json and parses its output.
   rapidjson::Document mock(const std::vector<std::string>& arguments);
 
