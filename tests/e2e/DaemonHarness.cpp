@@ -18,18 +18,13 @@ constexpr milliseconds kStartTimeout(30000);
 
 std::string tool(const std::string& relative) { return sourceDir() + "/tools/" + relative; }
 
-// Waits for the JSON object a starting tool writes, atomically, into its ready file.
+// Waits for the JSON object that a starting tool writes into its ready file
+// in one rename, and returns it.
 std::string waitForReadyFile(const std::string& path, const ChildProcess& process) {
-  std::string content;
-  if (!waitUntil(
-          [&] {
-            content = access(path.c_str(), R_OK) == 0 ? readFile(path) : "";
-            return content.find('}') != std::string::npos;
-          },
-          kStartTimeout)) {
+  if (!waitUntil([&] { return access(path.c_str(), R_OK) == 0; }, kStartTimeout)) {
     throw std::runtime_error("no ready file " + path + "; output:\n" + process.output());
   }
-  return content;
+  return readFile(path);
 }
 
 }  // namespace
