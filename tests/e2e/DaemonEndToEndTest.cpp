@@ -233,9 +233,9 @@ TEST_F(DaemonEndToEndTest, RegistersPollsDeliversQueuesPurgesAndUnregisters) {
   ChildProcess& daemon = harness_.startDaemon();
   const std::string appLog = harness_.root().file("app.jsonl");
   const std::string receiverLog = harness_.root().file("receiver.jsonl");
-  auto app = harness_.startSimulator("nyx-sample-app", {"--log", appLog}, true);
-  auto receiver =
-      harness_.startSimulator("nyx-receiver-sim", {"com.example.weather", "--log", receiverLog});
+  auto app = harness_.startTool("simulators/nyx-sample-app", {"--log", appLog}, true);
+  auto receiver = harness_.startTool("simulators/nyx-receiver-sim",
+                                     {"com.example.weather", "--log", receiverLog});
   app->writeInput("register sender-a, sender-b\n");
   ASSERT_TRUE(waitForJsonLines(appLog, 1)) << daemon.output();
   rapidjson::Document registrations = harness_.mock({"registrations"});

@@ -18,15 +18,6 @@ constexpr milliseconds kStartTimeout(30000);
 
 std::string tool(const std::string& relative) { return sourceDir() + "/tools/" + relative; }
 
-// Waits for the JSON object that a starting tool writes into its ready file
-// in one rename, and returns it.
-std::string waitForReadyFile(const std::string& path, const ChildProcess& process) {
-  if (!waitUntil([&] { return access(path.c_str(), R_OK) == 0; }, kStartTimeout)) {
-    throw std::runtime_error("no ready file " + path + "; output:\n" + process.output());
-  }
-  return readFile(path);
-}
-
 }  // namespace
 
 std::vector<std::string> jsonLines(const std::string& path) {
@@ -54,28 +45,34 @@ DaemonHarness::DaemonHarness() {
   root_.writePlatformFile("device-serial", "SERIAL-0001\n");
   root_.writePlatformFile("device-secret", "e2e-device-secret\n");
   root_.writePlatformFile("customer", "customer-1\n");
-  const std::string ready = root_.file("mock-server.json");
-  server_ = std::make_unique<ChildProcess>(
-      ChildProcess::Options{{"python3", tool("mock-server/nyx-mock-server"), "--root", root_.path(),
-                             "--port", "0", "--configure", "--quiet", "--ready-file", ready}});
+  std::string ready;
+  server_ =
+      startTool("mock-server/nyx-mock-server",
+                {"--root", root_.path(), "--port", "0", "--configure", "--quiet"}, false, &ready);
   rapidjson::Document info;
-  info.Parse(waitForReadyFile(ready, *server_));
+  info.Parse(ready);
   serverUrl_ = info["url"].GetString();
-  shell_ = startSimulator("nyx-shell-sim", {"--framework-started", "1"});
-  outbox_ = startSimulator("nyx-outbox-sim",
-                           {"--forward", serverUrl_, "--log", root_.file("outbox.jsonl")});
+  shell_ = startTool("simulators/nyx-shell-sim", {"--framework-started", "1"});
+  outbox_ = startTool("simulators/nyx-outbox-sim",
+                      {"--forward", serverUrl_, "--log", root_.file("outbox.jsonl")});
 }
 
-std::unique_ptr<ChildProcess> DaemonHarness::startSimulator(const std::string& name,
-                                                            std::vector<std::string> arguments,
-                                                            bool inputPipe) {
+std::unique_ptr<ChildProcess> DaemonHarness::startTool(const std::string& relative,
+                                                       std::vector<std::string> arguments,
+                                                       bool inputPipe, std::string* ready) {
   static int started = 0;
-  const std::string ready = root_.file(name + "-" + std::to_string(++started) + ".ready");
+  const std::string readyFile = root_.file("ready-" + std::to_string(++started) + ".json");
   // Only the system interpreter has python3-gi, which the simulators use.
-  arguments.insert(arguments.begin(), {"/usr/bin/python3", tool("simulators/" + name)});
-  arguments.insert(arguments.end(), {"--ready-file", ready});
+  arguments.insert(arguments.begin(), {"/usr/bin/python3", tool(relative)});
+  arguments.insert(arguments.end(), {"--ready-file", readyFile});
   auto process = std::make_unique<ChildProcess>(ChildProcess::Options{arguments, false, inputPipe});
-  waitForReadyFile(ready, *process);
+  // The tool writes the file in one rename, once it is ready.
+  if (!waitUntil([&] { return access(readyFile.c_str(), R_OK) == 0; }, kStartTimeout)) {
+    throw std::runtime_error("no ready file from " + relative + "; output:\n" + process->output());
+  }
+  if (ready != nullptr) {
+    *ready = readFile(readyFile);
+  }
   return process;
 }
 

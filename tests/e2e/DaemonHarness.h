@@ -38,9 +38,11 @@ class DaemonHarness {
   std::unique_ptr<ChildProcess> nyxd();
   // Starts the harness's own nyxd and waits for "Waiting for tasks.".
   ChildProcess& startDaemon();
-  std::unique_ptr<ChildProcess> startSimulator(const std::string& tool,
-                                               std::vector<std::string> arguments,
-                                               bool inputPipe = false);
+  // Starts a Python tool of tools/ (the path below it) with --ready-file and
+  // waits for that file; `ready` receives the JSON object written there.
+  std::unique_ptr<ChildProcess> startTool(const std::string& tool,
+                                          std::vector<std::string> arguments,
+                                          bool inputPipe = false, std::string* ready = nullptr);
   void stopShell() { shell_.reset(); }
   // Writes a property of a service (by default nyxd's) as an application
   // does, over a bus connection of its own; throws unless answered with 0.

@@ -91,7 +91,7 @@ TEST_F(DaemonSlowTest, FloodOfRegistrationsWhileTheServerHoldsItsAnswerIsAnswere
   harness_.root().setConfig({{"url.devicemessaging.registration", server.url("/register")}});
   ChildProcess& daemon = harness_.startDaemon();
   const std::string appLog = harness_.root().file("app.jsonl");
-  auto app = harness_.startSimulator("nyx-sample-app", {"--log", appLog}, true);
+  auto app = harness_.startTool("simulators/nyx-sample-app", {"--log", appLog}, true);
   std::string writes;
   for (size_t write = 0; write < kWrites; ++write) {
     writes += "register sender-a\n";
