@@ -7,6 +7,9 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "daemon/common/COwners.h"
+#include "hbus.h"
+
 namespace nyxtest {
 
 namespace {
@@ -14,39 +17,6 @@ namespace {
 constexpr milliseconds kStartTimeout(30000);
 
 std::string tool(const std::string& relative) { return sourceDir() + "/tools/" + relative; }
-
-// Waits for the JSON object a starting tool writes, atomically, into its ready file.
-std::string waitForReadyFile(const std::string& path, const ChildProcess& process) {
-  std::string content;
-  if (!waitUntil(
-          [&] {
-            content = access(path.c_str(), R_OK) == 0 ? readFile(path) : "";
-            return content.find('}') != std::string::npos;
-          },
-          kStartTimeout)) {
-    throw std::runtime_error("no ready file " + path + "; output:\n" + process.output());
-  }
-  return content;
-}
-
-// systemd gives a service a soft limit of 1,024 open files, whatever the
-// limit of the shell that runs the tests. A child inherits the limit in
-// force when it is started; while this object lives, that is the service's.
-class ServiceOpenFileLimit {
- public:
-  ServiceOpenFileLimit() {
-    getrlimit(RLIMIT_NOFILE, &saved_);
-    rlimit service = saved_;
-    service.rlim_cur = std::min<rlim_t>(1024, saved_.rlim_max);
-    setrlimit(RLIMIT_NOFILE, &service);
-  }
-  ~ServiceOpenFileLimit() { setrlimit(RLIMIT_NOFILE, &saved_); }
-  ServiceOpenFileLimit(const ServiceOpenFileLimit&) = delete;
-  ServiceOpenFileLimit& operator=(const ServiceOpenFileLimit&) = delete;
-
- private:
-  rlimit saved_{};
-};
 
 }  // namespace
 
@@ -75,35 +45,50 @@ DaemonHarness::DaemonHarness() {
   root_.writePlatformFile("device-serial", "SERIAL-0001\n");
   root_.writePlatformFile("device-secret", "e2e-device-secret\n");
   root_.writePlatformFile("customer", "customer-1\n");
-  const std::string ready = root_.file("mock-server.json");
-  server_ = std::make_unique<ChildProcess>(
-      ChildProcess::Options{{"python3", tool("mock-server/nyx-mock-server"), "--root", root_.path(),
-                             "--port", "0", "--configure", "--quiet", "--ready-file", ready}});
+  std::string ready;
+  server_ =
+      startTool("mock-server/nyx-mock-server",
+                {"--root", root_.path(), "--port", "0", "--configure", "--quiet"}, false, &ready);
   rapidjson::Document info;
-  info.Parse(waitForReadyFile(ready, *server_));
+  info.Parse(ready);
   serverUrl_ = info["url"].GetString();
-  shell_ = startSimulator("nyx-shell-sim", {"--framework-started", "1"});
-  outbox_ = startSimulator("nyx-outbox-sim",
-                           {"--forward", serverUrl_, "--log", root_.file("outbox.jsonl")});
+  shell_ = startTool("simulators/nyx-shell-sim", {"--framework-started", "1"});
+  outbox_ = startTool("simulators/nyx-outbox-sim",
+                      {"--forward", serverUrl_, "--log", root_.file("outbox.jsonl")});
 }
 
-std::unique_ptr<ChildProcess> DaemonHarness::startSimulator(const std::string& name,
-                                                            std::vector<std::string> arguments,
-                                                            bool inputPipe) {
+std::unique_ptr<ChildProcess> DaemonHarness::startTool(const std::string& relative,
+                                                       std::vector<std::string> arguments,
+                                                       bool inputPipe, std::string* ready) {
   static int started = 0;
-  const std::string ready = root_.file(name + "-" + std::to_string(++started) + ".ready");
+  const std::string readyFile = root_.file("ready-" + std::to_string(++started) + ".json");
   // Only the system interpreter has python3-gi, which the simulators use.
-  arguments.insert(arguments.begin(), {"/usr/bin/python3", tool("simulators/" + name)});
-  arguments.insert(arguments.end(), {"--ready-file", ready});
+  arguments.insert(arguments.begin(), {"/usr/bin/python3", tool(relative)});
+  arguments.insert(arguments.end(), {"--ready-file", readyFile});
   auto process = std::make_unique<ChildProcess>(ChildProcess::Options{arguments, false, inputPipe});
-  waitForReadyFile(ready, *process);
+  // The tool writes the file in one rename, once it is ready.
+  if (!waitUntil([&] { return access(readyFile.c_str(), R_OK) == 0; }, kStartTimeout)) {
+    throw std::runtime_error("no ready file from " + relative + "; output:\n" + process->output());
+  }
+  if (ready != nullptr) {
+    *ready = readFile(readyFile);
+  }
   return process;
 }
 
 std::unique_ptr<ChildProcess> DaemonHarness::nyxd() {
-  ServiceOpenFileLimit limit;
-  return std::make_unique<ChildProcess>(
-      ChildProcess::Options{{binaryDir() + "/daemon/nyxd"}, true});
+  // systemd gives a service a soft limit of 1,024 open files, whatever the
+  // limit of the shell that runs the tests; a child starts with the limit in
+  // force when it is started.
+  rlimit saved{};
+  getrlimit(RLIMIT_NOFILE, &saved);
+  rlimit service = saved;
+  service.rlim_cur = std::min<rlim_t>(1024, saved.rlim_max);
+  setrlimit(RLIMIT_NOFILE, &service);
+  auto daemon =
+      std::make_unique<ChildProcess>(ChildProcess::Options{{binaryDir() + "/daemon/nyxd"}, true});
+  setrlimit(RLIMIT_NOFILE, &saved);
+  return daemon;
 }
 
 ChildProcess& DaemonHarness::startDaemon() {
@@ -114,26 +99,17 @@ ChildProcess& DaemonHarness::startDaemon() {
   return *daemon_;
 }
 
-int DaemonHarness::hbus(const std::vector<std::string>& arguments) {
-  std::vector<std::string> argv = {binaryDir() + "/tools/hbus/hbus"};
-  argv.insert(argv.end(), arguments.begin(), arguments.end());
-  ChildProcess process({argv, true});
-  auto status = process.waitForExit(milliseconds(20000));
-  if (!status) {
-    throw std::runtime_error("hbus did not finish");
-  }
-  return *status;
-}
-
-void DaemonHarness::writeDaemon(const std::string& property, int value) {
-  if (hbus({"set-int", "cobalt.device.messaging", property, std::to_string(value)}) != 0) {
-    throw std::runtime_error("hbus set-int " + property + " failed");
-  }
-}
-
-void DaemonHarness::writeDaemon(const std::string& property, const std::string& value) {
-  if (hbus({"set", "cobalt.device.messaging", property, value}) != 0) {
-    throw std::runtime_error("hbus set " + property + " failed");
+void DaemonHarness::write(const std::string& property, const std::variant<int, std::string>& value,
+                          const std::string& service) {
+  COwner<HbusHandleStruct, HbusClose> writer(HbusInitEx(nullptr, nullptr));
+  const int status = std::holds_alternative<int>(value)
+                         ? HbusSetIntProperty(writer.get(), service.c_str(), property.c_str(),
+                                              std::get<int>(value))
+                         : HbusSetStringProperty(writer.get(), service.c_str(), property.c_str(),
+                                                 std::get<std::string>(value).c_str());
+  if (status != HBUS_STATUS_OK) {
+    throw std::runtime_error("writing " + property + " of " + service + ": status " +
+                             std::to_string(status));
   }
 }
 

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "daemon/common/Json.h"
@@ -37,15 +38,16 @@ class DaemonHarness {
   std::unique_ptr<ChildProcess> nyxd();
   // Starts the harness's own nyxd and waits for "Waiting for tasks.".
   ChildProcess& startDaemon();
-  std::unique_ptr<ChildProcess> startSimulator(const std::string& tool,
-                                               std::vector<std::string> arguments,
-                                               bool inputPipe = false);
+  // Starts a Python tool of tools/ (the path below it) with --ready-file and
+  // waits for that file; `ready` receives the JSON object written there.
+  std::unique_ptr<ChildProcess> startTool(const std::string& tool,
+                                          std::vector<std::string> arguments,
+                                          bool inputPipe = false, std::string* ready = nullptr);
   void stopShell() { shell_.reset(); }
-  // Runs the hbus tool and returns its exit status.
-  int hbus(const std::vector<std::string>& arguments);
-  // hbus "set-int" (or "set" for a string) on the daemon's own service; throws on failure.
-  void writeDaemon(const std::string& property, int value);
-  void writeDaemon(const std::string& property, const std::string& value);
+  // Writes a property of a service (by default nyxd's) as an application
+  // does, over a bus connection of its own; throws unless answered with 0.
+  void write(const std::string& property, const std::variant<int, std::string>& value,
+             const std::string& service = "cobalt.device.messaging");
   // Runs the mock server's client with --json and parses its output.
   rapidjson::Document mock(const std::vector<std::string>& arguments);
 

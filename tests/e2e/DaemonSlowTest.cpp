@@ -3,6 +3,7 @@
 // the CTest entry labelled slow.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -38,7 +39,7 @@ TEST_F(DaemonSlowTest, SignalWhileIdleIsForgottenByATaskAndHonouredByTheIdleWait
   ASSERT_TRUE(
       waitUntil([&] { return readFile(wchan).find("futex") != std::string::npos; }, kDeadline));
   daemon.signal(SIGTERM);
-  harness_.writeDaemon("wanRing", 1);
+  harness_.write("wanRing", 1);
   ASSERT_TRUE(daemon.waitForLine(kWaiting, kDeadline, 2)) << daemon.output();
   EXPECT_EQ(daemon.countLines("I Main: Processing task."), 1u);
   EXPECT_FALSE(daemon.waitForExit(milliseconds(3000))) << daemon.output();
@@ -51,24 +52,14 @@ TEST_F(DaemonSlowTest, SignalWhileIdleIsForgottenByATaskAndHonouredByTheIdleWait
 // memory. Under qemu-arm the process is the emulator running nyxd.
 struct PeakUsage {
   void sample(pid_t pid) {
-    const std::string proc = "/proc/" + std::to_string(pid);
-    std::error_code error;
-    size_t files = 0;
-    for (std::filesystem::directory_iterator fd(proc + "/fd", error), end; !error && fd != end;
-         fd.increment(error)) {
-      ++files;
-    }
-    openFiles = std::max(openFiles, files);
+    const std::filesystem::directory_iterator fds("/proc/" + std::to_string(pid) + "/fd");
+    openFiles = std::max<size_t>(openFiles, std::distance(begin(fds), end(fds)));
     rssKb = std::max(rssKb, residentKb(pid));
   }
   static size_t residentKb(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-      if (line.rfind("VmRSS:", 0) == 0) {
-        return std::stoul(line.substr(6));
-      }
-    }
-    return 0;
+    size_t pages = 0, resident = 0;
+    std::ifstream("/proc/" + std::to_string(pid) + "/statm") >> pages >> resident;
+    return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE)) / 1024;
   }
   size_t openFiles = 0;
   size_t rssKb = 0;
@@ -100,7 +91,7 @@ TEST_F(DaemonSlowTest, FloodOfRegistrationsWhileTheServerHoldsItsAnswerIsAnswere
   harness_.root().setConfig({{"url.devicemessaging.registration", server.url("/register")}});
   ChildProcess& daemon = harness_.startDaemon();
   const std::string appLog = harness_.root().file("app.jsonl");
-  auto app = harness_.startSimulator("nyx-sample-app", {"--log", appLog}, true);
+  auto app = harness_.startTool("simulators/nyx-sample-app", {"--log", appLog}, true);
   std::string writes;
   for (size_t write = 0; write < kWrites; ++write) {
     writes += "register sender-a\n";
@@ -138,7 +129,7 @@ TEST_F(DaemonSlowTest, FloodOfRegistrationsWhileTheServerHoldsItsAnswerIsAnswere
 TEST_F(DaemonSlowTest, FloodOfPushTriggersWhileAPageIsHeldRunsEveryPoll) {
   constexpr size_t kWrites = 2000;
   ChildProcess& daemon = harness_.startDaemon();
-  harness_.writeDaemon("wanRing", 1);  // a first poll, so that start-up costs are behind us
+  harness_.write("wanRing", 1);  // a first poll, so that start-up costs are behind us
   ASSERT_TRUE(daemon.waitForLine(kWaiting, kDeadline, 2)) << daemon.output();
   const size_t before = PeakUsage::residentKb(daemon.pid());
 
@@ -146,7 +137,7 @@ TEST_F(DaemonSlowTest, FloodOfPushTriggersWhileAPageIsHeldRunsEveryPoll) {
   held.hold = true;
   LocalHttpServer pageServer({held});
   harness_.root().setConfig({{"url.devicemessaging.getmessages", pageServer.url("/messages")}});
-  harness_.writeDaemon("wanRing", 1);
+  harness_.write("wanRing", 1);
   ASSERT_TRUE(waitUntil([&] { return pageServer.requests().size() == 1; }, kDeadline));
   // Every later poll goes to the mock server again (the address is read anew
   // for every request).

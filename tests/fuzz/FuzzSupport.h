@@ -4,16 +4,13 @@
 #ifndef NYX_TESTS_FUZZ_FUZZ_SUPPORT_H
 #define NYX_TESTS_FUZZ_FUZZ_SUPPORT_H
 
-#include <stdlib.h>
-
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string>
 
 #include "tests/support/Fakes.h"
+#include "tests/support/TestSupport.h"
 
 namespace nyxfuzz {
 
@@ -42,17 +39,9 @@ void allowRuntimeError(Call call) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   setLogger(new nyxtest::SilentLogger());
-  char root[] = "/tmp/nyx-fuzz-XXXXXX";
-  if (mkdtemp(root) == nullptr) throw std::runtime_error("mkdtemp failed");
-  std::filesystem::create_directories(std::string(root) + "/etc/nyx-host");
-  std::ofstream(std::string(root) + "/etc/nyx-host/dynconfig")
-      << "url.devicemessaging.getmessages=" << nyxfuzz::kFetchUrl << "\n";
-  setenv("NYX_ROOT", root, 1);
-  // libFuzzer ends through exit(): the root goes with the process.
-  static struct RemovedAtExit {
-    std::string path;
-    ~RemovedAtExit() { std::filesystem::remove_all(path); }
-  } removed{root};
+  // libFuzzer ends through exit(), which removes the root.
+  static const nyxtest::NyxRoot root;
+  root.setConfig({{"url.devicemessaging.getmessages", nyxfuzz::kFetchUrl}});
   return 0;
 }
 

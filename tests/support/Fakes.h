@@ -1,7 +1,7 @@
 // Fakes of the seams between the daemon's parts, shared by the C++ tests, the
 // fuzz targets and the benchmarks: an HTTP transport answering through a
 // function, a signer, a bus sender that records, a logger that drops every
-// line. Header only: fuzz targets and benchmarks link no test library.
+// line. Header only: the benchmarks link no test library.
 #ifndef NYX_TESTS_SUPPORT_FAKES_H
 #define NYX_TESTS_SUPPORT_FAKES_H
 

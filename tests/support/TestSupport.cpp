@@ -1,6 +1,7 @@
 #include "tests/support/TestSupport.h"
 
 #include <fcntl.h>
+#include <glib.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -17,8 +18,6 @@
 #include <regex>
 #include <sstream>
 #include <stdexcept>
-
-extern char** environ;
 
 namespace nyxtest {
 
@@ -138,59 +137,54 @@ ChildProcess::ChildProcess(const Options& options) {
     }
   }
   argv.insert(argv.end(), options.argv.begin(), options.argv.end());
-  std::vector<char*> argvPointers;
-  for (auto& word : argv) {
-    argvPointers.push_back(word.data());
+  std::vector<const char*> argvPointers;
+  for (const auto& word : argv) {
+    argvPointers.push_back(word.c_str());
   }
   argvPointers.push_back(nullptr);
 
-  // Without inputPipe the child reads end of file at once, as from /dev/null.
-  int output[2], input[2];
   if (options.inputPipe) {
     ::signal(SIGPIPE, SIG_IGN);  // a child that exits early must not kill the test
   }
-  if (pipe2(output, O_CLOEXEC) != 0 || pipe2(input, O_CLOEXEC) != 0) {
+  int output[2];
+  if (pipe2(output, O_CLOEXEC) != 0) {
     throw systemError("pipe");
   }
-  const pid_t parent = getpid();
-  const std::string failed = "cannot start " + argv[0] + "\n";  // made before the fork
-  pid_ = fork();
-  if (pid_ == 0) {
-    // Only async-signal-safe calls until exec. A process group of its own, so
-    // that a Ctrl-C on the test does not reach it twice; and SIGKILL when the
-    // test process dies without running destructors (Ctrl-C, a time-out, a
-    // sanitizer's abort), so that the child never outlives the test.
+  // Runs in the child before exec. A process group of its own, so that a
+  // Ctrl-C on the test does not reach it twice; and SIGKILL when the test
+  // process dies without running destructors (Ctrl-C, a time-out, a
+  // sanitizer's abort), so that the child never outlives the test.
+  const GSpawnChildSetupFunc ownGroupEndingWithTheTest = [](gpointer parent) {
     setpgid(0, 0);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) {
+    if (getppid() != *static_cast<pid_t*>(parent)) {
       _exit(127);
     }
-    dup2(input[0], 0);
-    dup2(output[1], 1);
-    dup2(output[1], 2);
-    execvp(argvPointers[0], argvPointers.data());
-    ssize_t ignored = write(2, failed.data(), failed.size());
-    (void)ignored;
-    _exit(127);
-  }
-  const int forkError = errno;
+  };
+  pid_t parent = getpid();
+  // Without inputPipe the child reads end of file at once, from /dev/null.
+  const int flags = G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD |
+                    (options.inputPipe ? 0 : G_SPAWN_STDIN_FROM_DEV_NULL);
+  GError* error = nullptr;
+  const bool started = g_spawn_async_with_pipes_and_fds(
+      nullptr, argvPointers.data(), nullptr, GSpawnFlags(flags), ownGroupEndingWithTheTest, &parent,
+      -1, output[1], output[1], nullptr, nullptr, 0, &pid_, options.inputPipe ? &inputFd_ : nullptr,
+      nullptr, nullptr, &error);
   close(output[1]);
-  close(input[0]);
-  inputFd_ = input[1];
-  if (pid_ < 0 || !options.inputPipe) {
-    closeInput();
-  }
-  if (pid_ < 0) {
+  if (!started) {
     close(output[0]);
-    throw systemError("fork", forkError);
+    const std::runtime_error failure(error->message);
+    g_error_free(error);
+    throw failure;
   }
   setpgid(pid_, pid_);  // also here: the group must exist before any kill(-pid)
-  name_ = argv[0];
   reader_ = std::thread(&ChildProcess::readOutput, this, output[0]);
 }
 
 ChildProcess::~ChildProcess() {
-  closeInput();
+  if (inputFd_ >= 0) {
+    close(inputFd_);
+  }
   // The child and what it started in its group, so that nothing keeps the
   // output open or outlives the test.
   kill(-pid_, SIGKILL);
@@ -262,13 +256,6 @@ void ChildProcess::writeInput(const std::string& text) const {
   }
 }
 
-void ChildProcess::closeInput() {
-  if (inputFd_ >= 0) {
-    close(inputFd_);
-    inputFd_ = -1;
-  }
-}
-
 std::optional<int> ChildProcess::waitForExit(milliseconds timeout) {
   waitUntil(
       [&] {
@@ -289,12 +276,13 @@ PrivateBus::PrivateBus() {
   if (!daemon_->waitForLine("unix:", milliseconds(10000))) {
     throw std::runtime_error("dbus-daemon did not start: " + daemon_->output());
   }
+  std::string address;
   for (const auto& line : daemon_->lines()) {
-    if (address_.empty() && line.rfind("unix:", 0) == 0) {
-      address_ = line;
+    if (address.empty() && line.rfind("unix:", 0) == 0) {
+      address = line;
     }
   }
-  addressEnv_ = std::make_unique<ScopedEnv>("DBUS_SESSION_BUS_ADDRESS", address_);
+  addressEnv_ = std::make_unique<ScopedEnv>("DBUS_SESSION_BUS_ADDRESS", address);
 }
 
 PrivateBus::~PrivateBus() {

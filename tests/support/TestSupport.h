@@ -107,7 +107,6 @@ class ChildProcess {
   size_t countLines(const std::string& text) const;
   bool waitForLine(const std::string& text, milliseconds timeout, size_t count = 1) const;
   void writeInput(const std::string& text) const;
-  void closeInput();
   void signal(int signalNumber) const { kill(pid_, signalNumber); }
   // The exit status, or minus the signal that ended it; nullopt on time-out.
   std::optional<int> waitForExit(milliseconds timeout);
@@ -120,7 +119,6 @@ class ChildProcess {
   size_t countLocked(const std::string& text) const;
 
   pid_t pid_ = -1;
-  std::string name_;
   int inputFd_ = -1;
   std::optional<int> exitStatus_;
   mutable std::mutex mutex_;
@@ -138,7 +136,6 @@ class PrivateBus {
  public:
   PrivateBus();
   ~PrivateBus();
-  const std::string& address() const { return address_; }
   // Ends the dbus-daemon now, as a restart of the bus on a device would, and
   // waits for it to exit.
   void stop();
@@ -146,7 +143,6 @@ class PrivateBus {
  private:
   ScopedEnv busEnv_{"HBUS_BUS", std::nullopt};
   std::unique_ptr<ChildProcess> daemon_;
-  std::string address_;
   std::unique_ptr<ScopedEnv> addressEnv_;
 };
 
