@@ -45,26 +45,11 @@ std::string pageJson(const std::string& elements, const std::string& nextPage = 
          (nextPage.empty() ? "" : R"(,"nextPage":")" + nextPage + "\"") + "}";
 }
 
-// The value a receiving service gets in "wisp_message" or "nyx_message".
-std::string deliveryJson(const std::string& id, const std::string& payload,
-                         const std::string& directedId = "") {
-  return R"({"id":")" + id + "\"" +
-         (directedId.empty() ? "" : R"(,"directedId":")" + directedId + "\"") + R"(,"payload":")" +
-         base64(payload) + "\"}";
-}
-
-// The outbound-message entry that reports one message's outcome.
-std::string outboxEntry(const std::string& id, int status, bool retry) {
-  return R"({"topic":"cobalt.messaging.response","payload":")" +
-         base64(R"({"response":{"id":")" + id + R"(","status":)" + std::to_string(status) +
-                R"(,"retry":)" + (retry ? "true" : "false") + "}}") +
-         R"(","gunzip":false,"options":{"flushTime":1}})";
-}
-
-WispMessage makeMessage(const std::string& id, const std::string& topic, const std::string& payload,
+// A message with the id m"1, which the JSON written for it must escape.
+WispMessage makeMessage(const std::string& topic, const std::string& payload,
                         const std::string& directed = "") {
   WispMessage message;
-  message.setId(id);
+  message.setId("m\"1");
   message.setTopic(topic);
   message.setPayload(payload);
   message.setDirectedCustomerId(directed);
@@ -247,32 +232,30 @@ TEST_F(MessagingTest, DispatchWritesTheDeliveryEnvelopeAndThePurgeReportsTheOutc
   struct Case {
     WispMessage message;
     int busStatus;
-    std::string service, property, jsonId, payload, directed;
+    std::string service, property, payload;  // where and what is delivered
     const S& outcome;
     std::string logged;  // the outcome's log line
   };
   const Case cases[] = {
-      {makeMessage("m\"2", "svc", bytes, "cust"), 0, "svc", "wisp_message", R"(m\"2)", bytes,
-       "cust", S::Dispatched,
-       "INFO WispMessageDispatcher: Dispatched WISP message. ID: m\"2 Topic: svc"},
-      {makeMessage("m1", "cobalt.device.messaging", ""), 3, "cobalt.device.messaging",
-       "wisp_message", "m1", "", "", S::Unhandled,
+      {makeMessage("svc", bytes, "cust"), 0, "svc", "wisp_message", bytes, S::Dispatched,
+       R"(INFO WispMessageDispatcher: Dispatched WISP message. ID: m"1 Topic: svc)"},
+      {makeMessage("cobalt.device.messaging", ""), 3, "cobalt.device.messaging", "wisp_message", "",
+       S::Unhandled,
        "ERROR WispMessageDispatcher: WISP Topic unhandled or missing property. Topic: "
        "cobalt.device.messaging Property: wisp_message"},
-      {makeMessage("m1", "svc", "x"), 1, "svc", "wisp_message", "m1", "x", "", S::Unresponsive,
+      {makeMessage("svc", "x"), 1, "svc", "wisp_message", "x", S::Unresponsive,
        "WARN WispMessageDispatcher: Service unresponsive. Topic: svc Status: 1"},
-      {makeMessage("m1", kNyxTopicPrefix + "app", kApp + "}"), 8, "a", "nyx_message", "m1",
-       R"({"collapse_key":"do_not_collapse","from":"s"})", "", S::Unhandled,
+      {makeMessage(kNyxTopicPrefix + "app", kApp + "}"), 8, "a", "nyx_message",
+       R"({"collapse_key":"do_not_collapse","from":"s"})", S::Unhandled,
        "ERROR WispMessageDispatcher: Service unroutable or missing property. Service: a "
        "Property: nyx_message"},
-      {makeMessage("m1", kNyxTopicPrefix, kApp + R"(,"consolidationKey":"k","data":{"b":"1"}})",
-                   "c"),
-       -5, "a", "nyx_message", "m1", R"({"b":"1","collapse_key":"k","from":"s"})", "c",
-       S::Unresponsive, "WARN WispMessageDispatcher: Service unresponsive. Service: a Status: -5"},
-      {makeMessage("m1", kNyxTopicPrefix,
+      {makeMessage(kNyxTopicPrefix, kApp + R"(,"consolidationKey":"k","data":{"b":"1"}})", "c"), -5,
+       "a", "nyx_message", R"({"b":"1","collapse_key":"k","from":"s"})", S::Unresponsive,
+       "WARN WispMessageDispatcher: Service unresponsive. Service: a Status: -5"},
+      {makeMessage(kNyxTopicPrefix,
                    kApp + R"(,"consolidationKey":"k","data":{"from":"o","collapse_key":"d"}})"),
-       0, "a", "nyx_message", "m1", R"({"collapse_key":"d","from":"o"})", "", S::Dispatched,
-       "INFO WispMessageDispatcher: Dispatched NYX message. ID: m1 Service: a"},
+       0, "a", "nyx_message", R"({"collapse_key":"d","from":"o"})", S::Dispatched,
+       R"(INFO WispMessageDispatcher: Dispatched NYX message. ID: m"1 Service: a)"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.payload);
@@ -282,11 +265,21 @@ TEST_F(MessagingTest, DispatchWritesTheDeliveryEnvelopeAndThePurgeReportsTheOutc
     EXPECT_EQ(dispatcher_->dispatch(c.message), c.outcome);
     EXPECT_EQ(log_.count(c.logged), 1u);
     EXPECT_EQ(purger_->purge(c.message, c.outcome), c.busStatus == 0);
-    EXPECT_EQ(sender_->sent,
-              (std::vector<std::vector<std::string>>{
-                  {c.service, c.property, deliveryJson(c.jsonId, c.payload, c.directed)},
-                  {"com.corvid.outbox", "queueMessage",
-                   outboxEntry(c.jsonId, c.outcome.code(), c.outcome.retry())}}));
+    // The delivery a receiving service gets, then the outbound-message entry
+    // that reports the outcome.
+    const std::string directed = c.message.getDirectedCustomerId();
+    const std::string report = R"({"response":{"id":"m\"1","status":)" +
+                               std::to_string(c.outcome.code()) + R"(,"retry":)" +
+                               (c.outcome.retry() ? "true" : "false") + "}}";
+    EXPECT_EQ(
+        sender_->sent,
+        (std::vector<std::vector<std::string>>{
+            {c.service, c.property,
+             R"({"id":"m\"1")" + (directed.empty() ? "" : R"(,"directedId":")" + directed + "\"") +
+                 R"(,"payload":")" + base64(c.payload) + "\"}"},
+            {"com.corvid.outbox", "queueMessage",
+             R"({"topic":"cobalt.messaging.response","payload":")" + base64(report) +
+                 R"(","gunzip":false,"options":{"flushTime":1}})"}}));
   }
   sender_->sent.clear();
   const std::string refused[] = {R"({"senderId":"s","appInfo":{"service.name":"a"}})",
@@ -294,8 +287,7 @@ TEST_F(MessagingTest, DispatchWritesTheDeliveryEnvelopeAndThePurgeReportsTheOutc
                                  kApp + R"(,"data":{"k":{"nested":"v"}}})",
                                  kApp + R"(,"consolidationKey":5})", "[]"};
   for (const std::string& envelope : refused) {
-    EXPECT_THROW(dispatcher_->dispatch(makeMessage("m1", kNyxTopicPrefix, envelope)),
-                 std::runtime_error)
+    EXPECT_THROW(dispatcher_->dispatch(makeMessage(kNyxTopicPrefix, envelope)), std::runtime_error)
         << envelope;
   }
   EXPECT_TRUE(sender_->sent.empty());
