@@ -298,9 +298,7 @@ TEST(DeviceTransportTest, FollowsTheDeviceTrustFilesAndUsesTheProxyOfTheProxiedI
   ASSERT_EQ(make.waitForExit(nyxtest::milliseconds(60000)), 0) << make.output();
   std::map<std::string, LocalHttpServer> servers;
   for (const std::string name : {"good", "revoked", "expired"}) {
-    const std::string pem = pki.path() + "/" + name;
-    servers.try_emplace(name, std::vector<HttpAnswer>{},
-                        LocalHttpServer::Options{pem + ".pem", pem + ".key"});
+    servers.try_emplace(name, std::vector<HttpAnswer>{}, pki.path() + "/" + name);
   }
   const std::string crl = nyxtest::readFile(pki.path() + "/crl.pem");
   const std::string emptyCrl = nyxtest::readFile(pki.path() + "/crl-empty.pem");

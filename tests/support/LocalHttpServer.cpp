@@ -26,7 +26,7 @@ std::string decodeBase64(const char* text) {
 
 }  // namespace
 
-LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script, const Options& options) {
+LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script, const std::string& tls) {
   ChildProcess::Options child{{"python3", "-u", sourceDir() + "/tests/support/http_test_server.py",
                                "--record", dir_.path() + "/record.json"},
                               false,
@@ -37,8 +37,8 @@ LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script, const Op
                        std::to_string(answer.delaySeconds), encodeBase64(answer.body)});
     child.argv.insert(child.argv.end(), answer.headerLines.begin(), answer.headerLines.end());
   }
-  if (!options.certificateFile.empty() && !options.keyFile.empty()) {
-    child.argv.insert(child.argv.end(), {"--tls", options.certificateFile, options.keyFile});
+  if (!tls.empty()) {
+    child.argv.insert(child.argv.end(), {"--tls", tls + ".pem", tls + ".key"});
     scheme_ = "https";
   }
   process_ = std::make_unique<ChildProcess>(child);
