@@ -305,27 +305,26 @@ TEST(DeviceTransportTest, FollowsTheDeviceTrustFilesAndUsesTheProxyOfTheProxiedI
   const std::string refused =
       std::string("IOError ") + curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION);
   const struct {
-    const char *what, *server, *host;
+    const char *what, *server;
     bool caPem;
     const char* crlPem;  // nullptr: no file
     std::string expected;
-    bool caInSystemStore = false;  // the system's hashed directory holds the CA
+    bool caInSystemStore = false;    // the system's hashed directory holds the CA
+    const char* host = "127.0.0.1";  // the certificates name 127.0.0.1 only
   } tlsCases[] = {
-      {"trusted only through ca.pem", "good", "127.0.0.1", true, nullptr, "returns 404"},
-      {"CA unknown without ca.pem", "good", "127.0.0.1", false, nullptr, refused},
-      {"trusted through the system store", "good", "127.0.0.1", false, nullptr, "returns 404",
-       true},
-      {"revoked, but no CRL", "revoked", "127.0.0.1", true, nullptr, "returns 404"},
-      {"revoked with crl.pem", "revoked", "127.0.0.1", true, crl.c_str(), refused},
-      {"revoked with a system CA", "revoked", "127.0.0.1", false, crl.c_str(), refused, true},
-      {"good with crl.pem", "good", "127.0.0.1", true, crl.c_str(), "returns 404"},
-      {"revoked, CRL revoking nothing", "revoked", "127.0.0.1", true, emptyCrl.c_str(),
-       "returns 404"},
-      {"unreadable crl.pem", "revoked", "127.0.0.1", true, "not a CRL\n",
+      {"trusted only through ca.pem", "good", true, nullptr, "returns 404"},
+      {"CA unknown without ca.pem", "good", false, nullptr, refused},
+      {"trusted through the system store", "good", false, nullptr, "returns 404", true},
+      {"revoked, but no CRL", "revoked", true, nullptr, "returns 404"},
+      {"revoked with crl.pem", "revoked", true, crl.c_str(), refused},
+      {"revoked with a system CA", "revoked", false, crl.c_str(), refused, true},
+      {"good with crl.pem", "good", true, crl.c_str(), "returns 404"},
+      {"revoked, CRL revoking nothing", "revoked", true, emptyCrl.c_str(), "returns 404"},
+      {"unreadable crl.pem", "revoked", true, "not a CRL\n",
        std::string("IOError ") + curl_easy_strerror(CURLE_SSL_CRL_BADFILE)},
-      {"wrong host name", "good", "localhost", true, nullptr, refused},
-      {"expired certificate", "expired", "127.0.0.1", true, nullptr, refused},
-      {"trusted again after the CRL goes", "revoked", "127.0.0.1", true, nullptr, "returns 404"},
+      {"wrong host name", "good", true, nullptr, refused, false, "localhost"},
+      {"expired certificate", "expired", true, nullptr, refused},
+      {"trusted again after the CRL goes", "revoked", true, nullptr, "returns 404"},
   };
   // One root for all rows: the transport must follow the files as they change.
   nyxtest::NyxRoot root;
