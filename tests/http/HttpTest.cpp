@@ -1,10 +1,13 @@
 // The retry loop (on a scripted transport that records its waits) and the errors;
-// the curl transports against local servers, and the signer without credentials.
+// the curl transports against local servers (the device transport's trust
+// files and proxy too), and the signer without credentials.
 #include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -283,27 +286,69 @@ TEST(CurlHttpClientTest, FailedTransfersBecomeIOErrorWithCurlsText) {
   }
 }
 
-// The device transport on the host platform, under a test root, with the test
-// PKI (a CA, and a certificate it signed for 127.0.0.1).
-TEST(DeviceTransportTest, TrustsTheDeviceAnchorsAndUsesTheProxyOfTheProxiedInterface) {
+// The device transport on the host platform, under a test root, against
+// servers with certificates made for this run (make-test-pki.sh).
+TEST(DeviceTransportTest, FollowsTheDeviceTrustFilesAndUsesTheProxyOfTheProxiedInterface) {
   for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY",
                            "no_proxy", "NO_PROXY"})
     unsetenv(name);  // they would hide whether the client chose a proxy
   const nyxtest::TempDir pki;
   nyxtest::ChildProcess make(
-      {{"sh", nyxtest::sourceDir() + "/tests/platform/make-test-pki.sh", pki.path()}});
+      {{"sh", nyxtest::sourceDir() + "/tests/http/make-test-pki.sh", pki.path()}});
   ASSERT_EQ(make.waitForExit(nyxtest::milliseconds(60000)), 0) << make.output();
-  nyxtest::NyxRoot root;
-  LocalHttpServer origin, secureOrigin({}, {pki.path() + "/good.pem", pki.path() + "/good.key"}),
-      proxy;
-  const auto fetch = [&] {
-    return outcome([&] { return TesselCurlHttpClient().perform(request(secureOrigin.url())); });
+  std::map<std::string, LocalHttpServer> servers;
+  for (const std::string name : {"good", "revoked", "expired"}) {
+    servers.try_emplace(name, std::vector<HttpAnswer>{}, pki.path() + "/" + name);
+  }
+  const std::string crl = nyxtest::readFile(pki.path() + "/crl.pem");
+  const std::string emptyCrl = nyxtest::readFile(pki.path() + "/crl-empty.pem");
+  const std::string refused =
+      std::string("IOError ") + curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION);
+  const struct {
+    const char *what, *server;
+    bool caPem;
+    const char* crlPem;  // nullptr: no file
+    std::string expected;
+    bool caInSystemStore = false;    // the system's hashed directory holds the CA
+    const char* host = "127.0.0.1";  // the certificates name 127.0.0.1 only
+  } tlsCases[] = {
+      {"trusted only through ca.pem", "good", true, nullptr, "returns 404"},
+      {"CA unknown without ca.pem", "good", false, nullptr, refused},
+      {"trusted through the system store", "good", false, nullptr, "returns 404", true},
+      {"revoked, but no CRL", "revoked", true, nullptr, "returns 404"},
+      {"revoked with crl.pem", "revoked", true, crl.c_str(), refused},
+      {"revoked with a system CA", "revoked", false, crl.c_str(), refused, true},
+      {"good with crl.pem", "good", true, crl.c_str(), "returns 404"},
+      {"revoked, CRL revoking nothing", "revoked", true, emptyCrl.c_str(), "returns 404"},
+      {"unreadable crl.pem", "revoked", true, "not a CRL\n",
+       std::string("IOError ") + curl_easy_strerror(CURLE_SSL_CRL_BADFILE)},
+      {"wrong host name", "good", true, nullptr, refused, false, "localhost"},
+      {"expired certificate", "expired", true, nullptr, refused},
+      {"trusted again after the CRL goes", "revoked", true, nullptr, "returns 404"},
   };
-  EXPECT_THAT(fetch(), testing::StartsWith(std::string("IOError ") +
-                                           curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION)));
-  root.writePlatformFile("tls/ca.pem", nyxtest::readFile(pki.path() + "/ca.pem"));
-  EXPECT_EQ(fetch(), "returns 404");
+  // One root for all rows: the transport must follow the files as they change.
+  nyxtest::NyxRoot root;
+  for (const auto& row : tlsCases) {
+    SCOPED_TRACE(row.what);
+    std::remove(root.file("etc/nyx-host/tls/ca.pem").c_str());
+    std::remove(root.file("etc/nyx-host/tls/crl.pem").c_str());
+    if (row.caPem) {
+      root.writePlatformFile("tls/ca.pem", nyxtest::readFile(pki.path() + "/ca.pem"));
+    }
+    if (row.crlPem != nullptr) {
+      root.writePlatformFile("tls/crl.pem", row.crlPem);
+    }
+    const nyxtest::ScopedEnv systemStore(
+        "SSL_CERT_DIR",
+        row.caInSystemStore ? std::optional<std::string>(pki.path() + "/hashed") : std::nullopt);
+    const std::string url =
+        "https://" + std::string(row.host) + ":" + std::to_string(servers.at(row.server).port());
+    EXPECT_THAT(outcome([&] { return TesselCurlHttpClient().perform(request(url)); }),
+                testing::StartsWith(row.expected));
+  }
 
+  LocalHttpServer origin, proxy;
+  const LocalHttpServer& secureOrigin = servers.at("good");
   const std::string proxyLine = "proxy=127.0.0.1:" + std::to_string(proxy.port()) + "\n";
   const std::tuple<std::string, bool, std::string, std::string> cases[] = {
       // The network file, HTTPS or not, what the proxy sees ("" for nothing), the
@@ -320,7 +365,7 @@ TEST(DeviceTransportTest, TrustsTheDeviceAnchorsAndUsesTheProxyOfTheProxiedInter
     SCOPED_TRACE(network + (secure ? " https" : " http"));
     root.writePlatformFile("network", network);
     const size_t before = proxy.requests().size();
-    LocalHttpServer& target = secure ? secureOrigin : origin;
+    const LocalHttpServer& target = secure ? secureOrigin : origin;
     EXPECT_THAT(outcome([&] { return client.perform(request(target.url("/poll?x=1"))); }),
                 testing::StartsWith(ended));
     const auto seen = proxy.requests();

@@ -1,7 +1,6 @@
 // The host platform against real components: files under a temporary NYX_ROOT,
-// the tools' signature, a notification socket and local HTTPS servers with
-// certificates made for this run.
-#include <curl/curl.h>
+// the tools' signature and a notification socket. Its TLS callback is tried
+// through the device transport in tests/http.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,18 +10,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "conn.h"
-#include "curl_extras.h"
-#include "daemon/common/COwners.h"
 #include "daemon_monitor.h"
 #include "dynconfig.h"
 #include "libauth.h"
-#include "tests/support/LocalHttpServer.h"
+#include "tests/support/TestSupport.h"
 
 namespace {
 
@@ -182,79 +178,6 @@ TEST(DaemonMonitorTest, SendsStatusAndReadyOnceToTheNotifySocket) {
             (std::vector<std::string>{"STATUS=activities: 1", "STATUS=activities: 2",
                                       "STATUS=activities: 1", "READY=1\nSTATUS=activities: 0",
                                       "STATUS=activities: 1", "STATUS=activities: 0"}));
-}
-
-size_t discard(char*, size_t size, size_t count, void*) { return size * count; }
-
-// A GET through the TLS-context callback, as the daemon's transport makes it.
-CURLcode fetch(int port, const std::string& host) {
-  CurlEasyOwner owner(curl_easy_init());
-  CURL* curl = owner.get();
-  const std::string resolve = host + ":" + std::to_string(port) + ":127.0.0.1";
-  CurlHeaderListOwner resolveList(curl_slist_append(nullptr, resolve.c_str()));
-  const std::string url = "https://" + host + ":" + std::to_string(port) + "/";
-  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_RESOLVE, resolveList.get());
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_TIMEOUT, 10L);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, discard);
-  curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION, getRevocationSslCxtCb());
-  return curl_easy_perform(curl);
-}
-
-TEST(TlsTest, TrustsCaPemAndRefusesRevokedOrMisnamedServers) {
-  nyxtest::TempDir pki;
-  ChildProcess make(
-      {{"sh", nyxtest::sourceDir() + "/tests/platform/make-test-pki.sh", pki.path()}});
-  ASSERT_EQ(make.waitForExit(milliseconds(30000)), 0) << make.output();
-  std::map<std::string, nyxtest::LocalHttpServer> servers;
-  for (const std::string name : {"good", "revoked", "expired"}) {
-    const std::string pem = pki.path() + "/" + name;
-    servers.try_emplace(name, std::vector<nyxtest::HttpAnswer>{},
-                        nyxtest::LocalHttpServer::Options{pem + ".pem", pem + ".key"});
-  }
-  const std::string crl = nyxtest::readFile(pki.path() + "/crl.pem");
-  const std::string emptyCrl = nyxtest::readFile(pki.path() + "/crl-empty.pem");
-  const CURLcode refused = CURLE_PEER_FAILED_VERIFICATION;
-  const struct {
-    const char *what, *server, *host;
-    bool caPem;
-    const char* crlPem;  // nullptr: no file
-    CURLcode expected;
-    bool caInSystemStore = false;  // the system's hashed directory holds the CA
-  } cases[] = {
-      {"trusted only through ca.pem", "good", "localhost", true, nullptr, CURLE_OK},
-      {"CA unknown without ca.pem", "good", "localhost", false, nullptr, refused},
-      {"trusted through the system store", "good", "localhost", false, nullptr, CURLE_OK, true},
-      {"revoked, but no CRL", "revoked", "localhost", true, nullptr, CURLE_OK},
-      {"revoked with crl.pem", "revoked", "localhost", true, crl.c_str(), refused},
-      {"revoked with a system CA", "revoked", "localhost", false, crl.c_str(), refused, true},
-      {"good with crl.pem", "good", "localhost", true, crl.c_str(), CURLE_OK},
-      {"revoked, CRL revoking nothing", "revoked", "localhost", true, emptyCrl.c_str(), CURLE_OK},
-      {"unreadable crl.pem", "revoked", "localhost", true, "not a CRL\n", CURLE_SSL_CRL_BADFILE},
-      {"wrong host name", "good", "wrong.example", true, nullptr, refused},
-      {"expired certificate", "expired", "localhost", true, nullptr, refused},
-      {"trusted again after the CRL goes", "revoked", "localhost", true, nullptr, CURLE_OK},
-  };
-  // One root for all rows: the callback must follow the files as they change.
-  nyxtest::NyxRoot root;
-  for (const auto& row : cases) {
-    SCOPED_TRACE(row.what);
-    const std::string ca = root.file("etc/nyx-host/tls/ca.pem");
-    const std::string crlPath = root.file("etc/nyx-host/tls/crl.pem");
-    std::remove(ca.c_str());
-    std::remove(crlPath.c_str());
-    if (row.caPem) {
-      nyxtest::writeFile(ca, nyxtest::readFile(pki.path() + "/ca.pem"));
-    }
-    if (row.crlPem != nullptr) {
-      nyxtest::writeFile(crlPath, row.crlPem);
-    }
-    const nyxtest::ScopedEnv systemStore(
-        "SSL_CERT_DIR",
-        row.caInSystemStore ? std::optional<std::string>(pki.path() + "/hashed") : std::nullopt);
-    EXPECT_EQ(fetch(servers.at(row.server).port(), row.host), row.expected);
-  }
 }
 
 }  // namespace

@@ -24,43 +24,21 @@ std::string decodeBase64(const char* text) {
   return std::string(reinterpret_cast<const char*>(bytes.get()), length);
 }
 
-std::string scriptJson(const std::vector<HttpAnswer>& script) {
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-  writer.StartArray();
-  for (const auto& answer : script) {
-    writer.StartObject();
-    writer.Key("status");
-    writer.Uint(answer.status);
-    writer.Key("headers");
-    writer.StartArray();
-    for (const auto& line : answer.headerLines) {
-      writer.String(line);
-    }
-    writer.EndArray();
-    writer.Key("body_base64");
-    writer.String(encodeBase64(answer.body));
-    writer.Key("delay");
-    writer.Double(answer.delaySeconds);
-    writer.Key("hold");
-    writer.Bool(answer.hold);
-    writer.EndObject();
-  }
-  writer.EndArray();
-  return buffer.GetString();
-}
-
 }  // namespace
 
-LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script, const Options& options) {
-  writeFile(dir_.path() + "/script.json", scriptJson(script));
-  const std::string& d = dir_.path();
+LocalHttpServer::LocalHttpServer(const std::vector<HttpAnswer>& script, const std::string& tls) {
   ChildProcess::Options child{{"python3", "-u", sourceDir() + "/tests/support/http_test_server.py",
-                               "--record", d + "/record.json", "--script", d + "/script.json"},
+                               "--record", dir_.path() + "/record.json"},
                               false,
                               true};
-  if (!options.certificateFile.empty() && !options.keyFile.empty()) {
-    child.argv.insert(child.argv.end(), {"--tls", options.certificateFile, options.keyFile});
+  for (const auto& answer : script) {
+    child.argv.insert(child.argv.end(),
+                      {"--answer", std::to_string(answer.status), answer.hold ? "hold" : "-",
+                       std::to_string(answer.delaySeconds), encodeBase64(answer.body)});
+    child.argv.insert(child.argv.end(), answer.headerLines.begin(), answer.headerLines.end());
+  }
+  if (!tls.empty()) {
+    child.argv.insert(child.argv.end(), {"--tls", tls + ".pem", tls + ".key"});
     scheme_ = "https";
   }
   process_ = std::make_unique<ChildProcess>(child);

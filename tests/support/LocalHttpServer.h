@@ -41,14 +41,9 @@ struct RecordedRequest {
 
 class LocalHttpServer {
  public:
-  struct Options {
-    // Both set: serve HTTPS with this certificate chain and key (PEM files).
-    std::string certificateFile;
-    std::string keyFile;
-  };
-
-  // Throws std::runtime_error when the server does not start.
-  explicit LocalHttpServer(const std::vector<HttpAnswer>& script = {}, const Options& options = {});
+  // With a tls prefix, serves HTTPS with PREFIX.pem (the certificate chain)
+  // and PREFIX.key. Throws std::runtime_error when the server does not start.
+  explicit LocalHttpServer(const std::vector<HttpAnswer>& script = {}, const std::string& tls = "");
   LocalHttpServer(const LocalHttpServer&) = delete;
   LocalHttpServer& operator=(const LocalHttpServer&) = delete;
 

@@ -6,12 +6,12 @@ line. Each request is appended to the record file (a JSON array of objects
 with method, target, headers as [name, value] pairs and body_base64) before it
 is answered.
 
-Script: a JSON array of answers (status, headers as raw lines, body_base64,
-delay, hold), taken in turn by the requests as they come; once they are used
-up a request gets 404. The line "release" on standard input lets held
-answers go ("released" confirms it). Used as a proxy, it records the absolute
-URL or the CONNECT authority and answers the same way (a CONNECT answered 404
-opens no tunnel).
+Each --answer (status, "hold" or "-", delay in seconds, the body in base64,
+then the header lines as they are sent) is taken in turn by the requests as
+they come; once they are used up a request gets 404. The line "release" on
+standard input lets held answers go ("released" confirms it). Used as a
+proxy, it records the absolute URL or the CONNECT authority and answers the
+same way (a CONNECT answered 404 opens no tunnel).
 """
 
 import argparse
@@ -42,17 +42,16 @@ class ScriptedHandler(http.server.BaseHTTPRequestHandler):
             with open(self.record_path + ".tmp", "w") as out:
                 json.dump(self.records, out)
             os.replace(self.record_path + ".tmp", self.record_path)
-            answer = next(self.answers, {"status": 404,
-                                         "body_base64": base64.b64encode(b"no scripted answer")})
+            status, hold, delay, body, *lines = next(
+                self.answers, ["404", "-", "0", base64.b64encode(b"no scripted answer")])
 
-        if answer.get("hold"):
+        if hold == "hold":
             self.released.wait()
-        time.sleep(float(answer.get("delay", 0)))
-        payload = base64.b64decode(answer.get("body_base64", ""))
-        lines = list(answer.get("headers", []))
+        time.sleep(float(delay))
+        payload = base64.b64decode(body)
         if not any(line.lower().startswith("content-length:") for line in lines):
             lines.append("Content-Length: %d" % len(payload))
-        head = "HTTP/1.1 %d Scripted\r\n" % answer.get("status", 200)
+        head = "HTTP/1.1 %s Scripted\r\n" % status
         head += "".join(line + "\r\n" for line in lines) + "\r\n"
         self.wfile.write(head.encode() + payload)
         self.wfile.flush()
@@ -71,12 +70,11 @@ def read_commands():
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--record", required=True)
-    parser.add_argument("--script", required=True)
+    parser.add_argument("--answer", nargs="+", action="append", default=[])
     parser.add_argument("--tls", nargs=2, metavar=("CERT", "KEY"))
     options = parser.parse_args()
 
-    with open(options.script) as script:
-        ScriptedHandler.answers = iter(json.load(script))
+    ScriptedHandler.answers = iter(options.answer)
     ScriptedHandler.record_path = options.record
     with open(options.record, "w") as out:
         out.write("[]")

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Makes a throw-away PKI in DIR: ca.pem, good.pem/.key, revoked.pem/.key and
-# expired.pem/.key (for localhost and 127.0.0.1, signed by the CA, the last
-# one expired yesterday), crl-empty.pem revoking nothing, crl.pem revoking
+# expired.pem/.key (for 127.0.0.1 only, signed by the CA, the last one
+# expired yesterday), crl-empty.pem revoking nothing, crl.pem revoking
 # revoked.pem, and hashed/, a hashed certificate directory holding the CA.
 # EC keys keep it fast.
 set -eu
@@ -12,8 +12,8 @@ printf '[ca]\ndefault_ca=t\n[t]\ndatabase=index.txt\ncrlnumber=crlnumber\ndefaul
 echo 01 > crlnumber
 openssl req -x509 $ec -keyout ca.key -out ca.pem -days 2 -subj "/CN=nyx test CA" 2>/dev/null
 for name in good revoked expired; do
-  openssl req -new $ec -keyout "$name.key" -out "$name.csr" -subj "/CN=localhost" \
-    -addext subjectAltName=DNS:localhost,IP:127.0.0.1 -addext basicConstraints=CA:FALSE 2>/dev/null
+  openssl req -new $ec -keyout "$name.key" -out "$name.csr" -subj "/CN=nyx test server" \
+    -addext subjectAltName=IP:127.0.0.1 -addext basicConstraints=CA:FALSE 2>/dev/null
   days=2
   [ "$name" = expired ] && days=-1
   openssl x509 -req -in "$name.csr" -CA ca.pem -CAkey ca.key -CAcreateserial -days "$days" \
