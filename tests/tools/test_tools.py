@@ -105,7 +105,7 @@ class MockServerTest(unittest.TestCase):
         get = ("GET", "/v1/messages?x=1", b"")
         # The sender's refusal comes after the check of its signed body.
         cases = [  # name, request, changes after signing, expected status
-            ("valid GET with query and customer", get, {}, 200),
+            ("valid GET with a query", get, {}, 200),
             ("target changed", get, {"target": "/v1/messages?x=2"}, 401),
             ("date missing", get, {"drop": "X-Device-Date"}, 401),
             ("rejected sender", ("POST", "/v1/registrations", registration), {}, 499),
@@ -163,8 +163,7 @@ class MockServerTest(unittest.TestCase):
 
 class SimulatorTest(unittest.TestCase):
     def start(self, program, *args):
-        """Starts a simulator; returns its process, ready record and a reader of its log
-        records without their time."""
+        """Starts a simulator; its process, ready record and log reader (records without time)."""
         log = os.path.join(RIG["dir"], "%s.%s.log" % (program, self.id()))
         env = rig.device_env(RIG["bus"].address, RIG["dir"])
         proc, ready = rig.start_helper([sys.executable, os.path.join(TOOLS, "simulators", program),
