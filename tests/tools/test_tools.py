@@ -126,7 +126,6 @@ class MockServerTest(unittest.TestCase):
         self.mock("enqueue", "com.example.weather", "forecast", "--count", "3", "--id", "w")
         first = json.loads(self.fetch()[2])
         second = json.loads(self.fetch(first["nextPage"].replace(self.url, ""))[2])
-        self.assertNotIn("nextPage", second)
         offered = [m["message"] for m in first["messages"] + second["messages"]]
         self.assertEqual([m["id"] for m in offered], ["raw", "w-1", "w-2", "w-3"])
         self.assertEqual((base64.b64decode(offered[0]["payload"]), offered[0]["directedCustomerId"],
