@@ -79,7 +79,8 @@ def _unearned(ack, enqueued, deliveries, outages):
 # The daemon's log lines that store a registration in the cache or start
 # taking one out; an unregistration has no id.
 REGISTRATION = re.compile(r"NYXRegistrar: (?:Successfully registered app '(?P<app>.*)'\. "
-                          r"RegistrationId is '(?P<id>.*)'|Request to unregister app '(?P<gone>.*)' due to)")
+                          r"RegistrationId is '(?P<id>.*)'"
+                          r"|Request to unregister app '(?P<gone>.*)' due to)")
 
 # Why a registration the server still grants may be missing from the cache,
 # as the design allows it.
