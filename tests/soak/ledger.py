@@ -89,26 +89,23 @@ LOST_ANSWER = ("the server's answer never reached the cache (connection lost, "
 REPLACED = "removed or replaced in the cache by a later unregistration or registration of the app"
 
 
-def registration_events(log_lines):
-    """(app, registration id or None for an unregistration) in log order."""
-    matches = filter(None, map(REGISTRATION.search, log_lines))
-    return [(m["app"] or m["gone"], m["id"]) for m in matches]
-
-
 def render_app(app_info):
     """The cache's rendering of an appInfo map."""
     return ", ".join("%s=>%s" % (k, app_info[k]) for k in sorted(app_info))
 
 
-def check_cache(integrity, rows, server_registrations, events):
+def check_cache(integrity, rows, server_registrations, log_lines):
     """Compares the cache (PRAGMA integrity_check's text and its rows of
     registration id and app) with the server's registrations and the
-    registration_events of the daemon's whole log. Every row must be an
+    registration lines of the daemon's whole log. Every row must be an
     active registration the server holds for the same app. One the server
     holds and the cache lacks is intended when the log explains it;
     otherwise it is a mismatch, and so is a damaged file."""
     result = SimpleNamespace(integrity=integrity.strip(), rows=len(rows), matching=0,
                              intended=collections.Counter(), mismatches=[])
+    # (app, registration id or None for an unregistration) in log order
+    events = [(m["app"] or m["gone"], m["id"])
+              for m in filter(None, map(REGISTRATION.search, log_lines))]
     if result.integrity != "ok":
         result.mismatches.append("the integrity check says: " + result.integrity)
     active = {r["id"]: render_app(r["appInfo"]) for r in server_registrations if not r["revoked"]}

@@ -50,7 +50,7 @@ def unregister(app):
 
 def cache(rows, log, server=SERVER, integrity="ok\n"):
     """(mismatches, intended reasons)."""
-    r = ledger.check_cache(integrity, rows, server, ledger.registration_events(log))
+    r = ledger.check_cache(integrity, rows, server, log)
     return len(r.mismatches), sorted(r.intended.elements())
 
 
