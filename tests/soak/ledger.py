@@ -17,22 +17,20 @@ class Outages:
 
     def __init__(self, never_served=()):
         self._never = set(never_served)
-        self._open = {}
-        self._spans = collections.defaultdict(list)
+        self._spans = collections.defaultdict(list)   # target -> [[down, up or inf]]
 
     def down(self, target, at):
-        self._open.setdefault(target, at)
+        self._spans[target].append([at, math.inf])
 
     def up(self, target, at):
-        if target in self._open:
-            self._spans[target].append((self._open.pop(target), at))
+        for span in self._spans[target][-1:]:
+            span[1] = at
 
     def overlaps(self, target, start, end, slack=1.0):
         """True when `target` was unavailable at some moment of [start, end],
         widened by `slack` seconds for the clocks of different processes."""
-        spans = self._spans[target] + [(self._open.get(target, math.inf), math.inf)]
         return target in self._never or any(s <= end + slack and e >= start - slack
-                                            for s, e in spans)
+                                            for s, e in self._spans[target])
 
 
 def check_messages(enqueued, pending, acks, deliveries, outages):
@@ -78,27 +76,17 @@ def _unearned(ack, enqueued, deliveries, outages):
     return "status %d is not a final outcome" % status
 
 
-REGISTERED = re.compile(
-    r"NYXRegistrar: Successfully registered app '(?P<app>.*)'\. RegistrationId is '(?P<id>.*)'")
-UNREGISTER_REQUEST = re.compile(r"NYXRegistrar: Request to unregister app '(?P<app>.*)' due to")
+# The daemon's log lines that store a registration in the cache or start
+# taking one out; an unregistration has no id.
+REGISTRATION = re.compile(r"NYXRegistrar: (?:Successfully registered app '(?P<app>.*)'\. "
+                          r"RegistrationId is '(?P<id>.*)'"
+                          r"|Request to unregister app '(?P<gone>.*)' due to)")
 
 # Why a registration the server still grants may be missing from the cache,
 # as the design allows it.
 LOST_ANSWER = ("the server's answer never reached the cache (connection lost, "
                "or the daemon stopped before writing it)")
-REMOVED_FIRST = "removed from the cache before an unregistration the server did not complete"
-SUPERSEDED = "replaced in the cache by a later registration of the same app"
-
-
-def registration_events(log_lines):
-    """("registered", app, id) and ("unregister", app, None) in log order."""
-    events = []
-    for line in log_lines:
-        match = REGISTERED.search(line) or UNREGISTER_REQUEST.search(line)
-        if match:
-            events.append(("registered" if match.re is REGISTERED else "unregister",
-                           match["app"], match.groupdict().get("id")))
-    return events
+REPLACED = "removed or replaced in the cache by a later unregistration or registration of the app"
 
 
 def render_app(app_info):
@@ -106,63 +94,56 @@ def render_app(app_info):
     return ", ".join("%s=>%s" % (k, app_info[k]) for k in sorted(app_info))
 
 
-def check_cache(integrity, rows, server_registrations, events):
+def check_cache(integrity, rows, server_registrations, log_lines):
     """Compares the cache (PRAGMA integrity_check's text and its rows of
     registration id and app) with the server's registrations and the
-    registration_events of the daemon's whole log. Every row must be an
+    registration lines of the daemon's whole log. Every row must be an
     active registration the server holds for the same app. One the server
     holds and the cache lacks is intended when the log explains it;
     otherwise it is a mismatch, and so is a damaged file."""
     result = SimpleNamespace(integrity=integrity.strip(), rows=len(rows), matching=0,
                              intended=collections.Counter(), mismatches=[])
+    # (app, registration id or None for an unregistration) in log order
+    events = [(m["app"] or m["gone"], m["id"])
+              for m in filter(None, map(REGISTRATION.search, log_lines))]
     if result.integrity != "ok":
         result.mismatches.append("the integrity check says: " + result.integrity)
-    server = {r["id"]: r for r in server_registrations}
+    active = {r["id"]: render_app(r["appInfo"]) for r in server_registrations if not r["revoked"]}
     for reg_id, app in rows:
-        record = server.get(reg_id)
-        if record is None:
-            result.mismatches.append("cache holds %s, which the server never granted" % reg_id)
-        elif record["revoked"]:
-            result.mismatches.append("cache holds %s, which the server has revoked" % reg_id)
-        elif render_app(record["appInfo"]) != app:
-            result.mismatches.append("cache holds %s for %s, the server for %s"
-                                     % (reg_id, app, render_app(record["appInfo"])))
-        else:
+        if active.get(reg_id) == app:
             result.matching += 1
+        else:
+            result.mismatches.append("cache holds %s for %s; the server grants it to %s"
+                                     % (reg_id, app, active.get(reg_id, "no one")))
     cached = {reg_id for reg_id, _ in rows}
-    for record in server_registrations:
-        if record["revoked"] or record["id"] in cached:
+    for reg_id, app in active.items():
+        if reg_id in cached:
             continue
-        why = _explain_missing(record["id"], render_app(record["appInfo"]), events)
+        why = _explain_missing(reg_id, app, events)
         if why is None:
             result.mismatches.append(
-                "server grants %s, logged as stored, still current, but not in the cache"
-                % record["id"])
+                "server grants %s, logged as stored, still current, but not in the cache" % reg_id)
         else:
             result.intended[why] += 1
     return result
 
 
 def _explain_missing(reg_id, app, events):
-    stored = [i for i, (kind, _, event_id) in enumerate(events)
-              if kind == "registered" and event_id == reg_id]
+    stored = [i for i, (_, event_id) in enumerate(events) if event_id == reg_id]
     if not stored:
         return LOST_ANSWER
-    for kind, event_app, event_id in events[stored[-1] + 1:]:
-        if event_app == app and kind == "unregister":
-            return REMOVED_FIRST
-        if event_app == app and event_id != reg_id:
-            return SUPERSEDED
+    if any(event_app == app and event_id != reg_id for event_app, event_id in events[stored[-1]:]):
+        return REPLACED
     return None
 
 
 UNCAUGHT = re.compile(r"Uncaught exception, terminating: (?P<cause>.*)")
 
-# One end of the daemon: `status` is the exit status or None, `signal` the
-# killing signal or None, `requested` "term", "kill" or None (what the soak
-# itself asked for), `escalated` when a requested stop had to be forced,
-# `log` the lines of that run.
-Exit = collections.namedtuple("Exit", "pid status signal requested escalated log")
+# One end of the daemon: `code` its exit status, or minus the signal that
+# ended it; `requested` "term", "kill" or None (what the soak itself asked
+# for); `escalated` when a requested stop had to be forced; `log` the lines
+# of that run.
+Exit = collections.namedtuple("Exit", "pid code requested escalated log")
 
 
 def check_exits(exits):
@@ -174,16 +155,16 @@ def check_exits(exits):
     result = SimpleNamespace(stops=0, restarts=0, intended=0, causes=collections.Counter(),
                              failures=[])
     for end in exits:
-        if end.requested == "term" and (end.status == 0 or end.signal == SIGTERM):
+        if end.requested == "term" and end.code in (0, -SIGTERM):
             result.stops += 1
             continue
         result.restarts += 1
         causes = ["uncaught exception: " + m["cause"].strip()[:120]
                   for m in map(UNCAUGHT.search, end.log) if m]
         cause = causes[-1] if causes else None
-        if end.signal == SIGKILL and end.requested == "kill":
+        if end.code == -SIGKILL and end.requested == "kill":
             cause = "SIGKILL from the soak"
-        elif end.signal == SIGKILL and end.escalated:
+        elif end.code == -SIGKILL and end.escalated:
             if any("Received termination signal." in line for line in end.log):
                 # The worker loop had ended: nothing was left to wait for.
                 result.failures.append("pid %d hung on its way out after the worker loop ended"
@@ -191,9 +172,8 @@ def check_exits(exits):
                 continue
             cause = "SIGKILL after SIGTERM went unheeded (a task was still running)"
         if cause is None:
-            how = "status %s" % end.status if end.signal is None else "signal %d" % end.signal
-            result.failures.append("pid %d ended with %s and no cause in its log: %s"
-                                   % (end.pid, how, " | ".join(end.log[-5:])))
+            result.failures.append("pid %d ended with %d and no cause in its log: %s"
+                                   % (end.pid, end.code, " | ".join(end.log[-5:])))
         else:
             result.intended += 1
             result.causes[cause] += 1
