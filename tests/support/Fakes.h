@@ -43,13 +43,6 @@ class FakeHttpClient : public HttpClient {
     return answer(request);
   }
   void waitSeconds(unsigned int seconds) override { waits.push_back(seconds); }
-  std::vector<std::string> urls() const {
-    std::vector<std::string> urls;
-    for (const WebRequest& request : requests) {
-      urls.push_back(request.getUrl());
-    }
-    return urls;
-  }
 
   std::function<WebResponse(const WebRequest&)> answer = [](const WebRequest&) {
     return response(404);
