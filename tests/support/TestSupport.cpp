@@ -166,9 +166,10 @@ ChildProcess::ChildProcess(const Options& options) {
   const int flags = G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD |
                     (options.inputPipe ? 0 : G_SPAWN_STDIN_FROM_DEV_NULL);
   GError* error = nullptr;
+  int inputFd = -1;
   const bool started = g_spawn_async_with_pipes_and_fds(
       nullptr, argvPointers.data(), nullptr, GSpawnFlags(flags), ownGroupEndingWithTheTest, &parent,
-      -1, output[1], output[1], nullptr, nullptr, 0, &pid_, options.inputPipe ? &inputFd_ : nullptr,
+      -1, output[1], output[1], nullptr, nullptr, 0, &pid_, options.inputPipe ? &inputFd : nullptr,
       nullptr, nullptr, &error);
   close(output[1]);
   if (!started) {
@@ -177,13 +178,14 @@ ChildProcess::ChildProcess(const Options& options) {
     g_error_free(error);
     throw failure;
   }
+  input_ = inputFd >= 0 ? fdopen(inputFd, "w") : nullptr;
   setpgid(pid_, pid_);  // also here: the group must exist before any kill(-pid)
   reader_ = std::thread(&ChildProcess::readOutput, this, output[0]);
 }
 
 ChildProcess::~ChildProcess() {
-  if (inputFd_ >= 0) {
-    close(inputFd_);
+  if (input_ != nullptr) {
+    fclose(input_);
   }
   // The child and what it started in its group, so that nothing keeps the
   // output open or outlives the test.
@@ -196,24 +198,17 @@ ChildProcess::~ChildProcess() {
 }
 
 void ChildProcess::readOutput(int fd) {
-  std::string partial;
-  char buffer[4096];
-  ssize_t got;
-  while ((got = read(fd, buffer, sizeof buffer)) > 0 || (got < 0 && errno == EINTR)) {
-    partial.append(buffer, static_cast<size_t>(std::max<ssize_t>(got, 0)));
-    size_t newline;
+  FILE* output = fdopen(fd, "r");
+  char* line = nullptr;
+  size_t capacity = 0;
+  for (ssize_t length; (length = getline(&line, &capacity, output)) > 0;) {
     std::lock_guard<std::mutex> lock(mutex_);
-    while ((newline = partial.find('\n')) != std::string::npos) {
-      lines_.push_back(partial.substr(0, newline));
-      partial.erase(0, newline + 1);
-    }
+    lines_.emplace_back(line, static_cast<size_t>(length) - (line[length - 1] == '\n'));
     changed_.notify_all();
   }
-  close(fd);
+  free(line);
+  fclose(output);
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!partial.empty()) {
-    lines_.push_back(partial);
-  }
   outputClosed_ = true;
   changed_.notify_all();
 }
@@ -247,12 +242,8 @@ bool ChildProcess::waitForOutputClosed(milliseconds timeout) const {
 }
 
 void ChildProcess::writeInput(const std::string& text) const {
-  for (size_t written = 0; written < text.size();) {
-    ssize_t done = write(inputFd_, text.data() + written, text.size() - written);
-    if (done <= 0 && errno != EINTR) {
-      throw systemError("write to child");
-    }
-    written += static_cast<size_t>(std::max<ssize_t>(done, 0));
+  if (fwrite(text.data(), 1, text.size(), input_) != text.size() || fflush(input_) != 0) {
+    throw systemError("write to child");
   }
 }
 

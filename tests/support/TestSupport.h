@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <memory>
@@ -119,7 +120,7 @@ class ChildProcess {
   size_t countLocked(const std::string& text) const;
 
   pid_t pid_ = -1;
-  int inputFd_ = -1;
+  FILE* input_ = nullptr;
   std::optional<int> exitStatus_;
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
