@@ -81,7 +81,7 @@ TEST_F(DaemonEndToEndTest, StopsAfterTheRunningTaskEvenWhileABusCallbackIsStillR
   ASSERT_TRUE(daemon.waitForLine("Received termination signal.", kDeadline)) << daemon.output();
   harness_.shell().signal(SIGCONT);
   ASSERT_EQ(daemon.waitForExit(kDeadline), 0) << daemon.output();
-  EXPECT_EQ(daemon.countLines("I Main: Processing task."), 1u);
+  EXPECT_EQ(daemon.count("I Main: Processing task."), 1u);
   EXPECT_THAT(daemon.output(), inOrder({"I Main: Processing task.", kWaiting,
                                         "I Main: Received termination signal."}));
   EXPECT_NE(access(harness_.root().file("var/run/nyx.pid").c_str(), F_OK), 0);
@@ -101,7 +101,7 @@ TEST_F(DaemonEndToEndTest, StopsWithinSecondsWhileWaitingToRetry) {
   ASSERT_EQ(daemon.waitForExit(milliseconds(10000)), 0) << daemon.output();
   EXPECT_THAT(daemon.output(), inOrder({"E WispPollRequestHandler: IOError: Status Code: 503",
                                         kWaiting, "I Main: Received termination signal."}));
-  EXPECT_EQ(daemon.countLines("I HttpClient: Retry"), 0u);
+  EXPECT_EQ(daemon.count("I HttpClient: Retry"), 0u);
 }
 
 // When the bus goes away, nyxd can hear nothing again: it ends as a failure,
@@ -151,7 +151,7 @@ TEST_F(DaemonEndToEndTest, EventsAreDroppedWhileTheFrameworkIsNotUp) {
   EXPECT_TRUE(daemon.waitForLine(
       "E Main: HbusGetIntProperty failed, prop = frameworkStarted, status = 3", kDeadline));
   EXPECT_TRUE(daemon.waitForLine(kFrameworkDown, kDeadline, ignored + 1));
-  EXPECT_EQ(daemon.countLines("Processing task."), 0u);
+  EXPECT_EQ(daemon.count("Processing task."), 0u);
 }
 
 // Every event the daemon listens to, with the reason of the poll it starts,
@@ -194,7 +194,7 @@ TEST_F(DaemonEndToEndTest, EachEventPollsWithItsReasonOrDoesNothing) {
     ASSERT_TRUE(daemon.waitForLine(kWaiting, kDeadline, reasons.size() + 1)) << daemon.output();
   }
   EXPECT_EQ(fetchHeaders(harness_, "x-zvo-reason"), reasons);
-  EXPECT_EQ(daemon.countLines("I Main: Processing task."), reasons.size());
+  EXPECT_EQ(daemon.count("I Main: Processing task."), reasons.size());
 }
 
 // Each task signs for the customer active when its event arrived: the
@@ -247,7 +247,7 @@ TEST_F(DaemonEndToEndTest, RegistersPollsDeliversQueuesPurgesAndUnregisters) {
     EXPECT_FALSE(ack["retry"].GetBool());
   }
   EXPECT_EQ(harness_.mock({"pending"})["messages"].Size(), 0u);
-  EXPECT_EQ(daemon.countLines("I WispMessagePurger: Sent purge message request."), 2u);
+  EXPECT_EQ(daemon.count("I WispMessagePurger: Sent purge message request."), 2u);
 
   app->writeInput("unregister\n");
   ASSERT_TRUE(waitForJsonLines(appLog, 3));

@@ -41,11 +41,11 @@ TEST_F(DaemonSlowTest, SignalWhileIdleIsForgottenByATaskAndHonouredByTheIdleWait
   daemon.signal(SIGTERM);
   harness_.write("wanRing", 1);
   ASSERT_TRUE(daemon.waitForLine(kWaiting, kDeadline, 2)) << daemon.output();
-  EXPECT_EQ(daemon.countLines("I Main: Processing task."), 1u);
+  EXPECT_EQ(daemon.count("I Main: Processing task."), 1u);
   EXPECT_FALSE(daemon.waitForExit(milliseconds(3000))) << daemon.output();
   daemon.signal(SIGTERM);
   ASSERT_EQ(daemon.waitForExit(milliseconds(25000)), 0) << daemon.output();
-  EXPECT_EQ(daemon.countLines("I Main: Received termination signal."), 1u);
+  EXPECT_EQ(daemon.count("I Main: Received termination signal."), 1u);
 }
 
 // What /proc shows of a process at its busiest: open files and resident
@@ -100,9 +100,9 @@ TEST_F(DaemonSlowTest, FloodOfRegistrationsWhileTheServerHoldsItsAnswerIsAnswere
 
   PeakUsage peak;
   ASSERT_TRUE(waitSampling(
-      [&] { return daemon.countLines("I Main: Received NYX registration request.") >= kWrites; },
-      daemon, peak, kFloodDeadline))
-      << daemon.countLines("Received NYX registration request.");
+      [&] { return daemon.count("I Main: Received NYX registration request.") >= kWrites; }, daemon,
+      peak, kFloodDeadline))
+      << daemon.count("Received NYX registration request.");
   // The worker may still be on its way to the server when the last write
   // has been logged.
   ASSERT_TRUE(waitUntil([&] { return !server.requests().empty(); }, kFloodDeadline));
@@ -116,7 +116,7 @@ TEST_F(DaemonSlowTest, FloodOfRegistrationsWhileTheServerHoldsItsAnswerIsAnswere
   for (size_t answer = 0; answer < kWrites; ++answer) {
     ASSERT_EQ(appAnswer(appLog, answer), R"({"registration_id":"reg-flood"})") << answer;
   }
-  EXPECT_EQ(daemon.countLines("W NYXRegistrar: Spurious call for registration"), kWrites - 1);
+  EXPECT_EQ(daemon.count("W NYXRegistrar: Spurious call for registration"), kWrites - 1);
   EXPECT_EQ(server.requests().size(), 1u);
   EXPECT_TRUE(daemon.running());
   EXPECT_LT(peak.openFiles, 100u);
@@ -154,12 +154,12 @@ TEST_F(DaemonSlowTest, FloodOfPushTriggersWhileAPageIsHeldRunsEveryPoll) {
     }
   }
   ASSERT_TRUE(waitSampling(
-      [&] { return daemon.countLines("I Main: Received NUDGE event: wanRing.") >= kWrites + 2; },
-      daemon, peak, kFloodDeadline));
+      [&] { return daemon.count("I Main: Received NUDGE event: wanRing.") >= kWrites + 2; }, daemon,
+      peak, kFloodDeadline));
   pageServer.release();
-  ASSERT_TRUE(waitSampling([&] { return daemon.countLines(kWaiting) >= kWrites + 3; }, daemon, peak,
+  ASSERT_TRUE(waitSampling([&] { return daemon.count(kWaiting) >= kWrites + 3; }, daemon, peak,
                            kFloodDeadline))
-      << daemon.countLines(kWaiting);
+      << daemon.count(kWaiting);
 
   EXPECT_EQ(harness_.mock({"stats"})["requests"]["fetch"].GetUint(), kWrites + 1);
   EXPECT_TRUE(daemon.running());

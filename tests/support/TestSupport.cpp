@@ -128,6 +128,22 @@ void NyxRoot::setConfig(const std::map<std::string, std::string>& values) const 
   }
 }
 
+std::vector<std::string> LineRecord::lines() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return lines_;
+}
+
+size_t LineRecord::count(const std::string& text) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return countContaining(lines_, text);
+}
+
+void LineRecord::add(std::string line) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  lines_.push_back(std::move(line));
+  changed_.notify_all();
+}
+
 ChildProcess::ChildProcess(const Options& options) {
   std::vector<std::string> argv;
   if (options.projectBinary) {
@@ -202,9 +218,7 @@ void ChildProcess::readOutput(int fd) {
   char* line = nullptr;
   size_t capacity = 0;
   for (ssize_t length; (length = getline(&line, &capacity, output)) > 0;) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.emplace_back(line, static_cast<size_t>(length) - (line[length - 1] == '\n'));
-    changed_.notify_all();
+    add(std::string(line, static_cast<size_t>(length) - (line[length - 1] == '\n')));
   }
   free(line);
   fclose(output);
@@ -213,22 +227,12 @@ void ChildProcess::readOutput(int fd) {
   changed_.notify_all();
 }
 
-std::vector<std::string> ChildProcess::lines() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return lines_;
-}
-
 std::string ChildProcess::output() const {
   std::string text;
   for (const auto& line : lines()) {
     text += line + "\n";
   }
   return text;
-}
-
-size_t ChildProcess::countLines(const std::string& text) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return countContaining(lines_, text);
 }
 
 bool ChildProcess::waitForLine(const std::string& text, milliseconds timeout, size_t count) const {
@@ -291,8 +295,9 @@ void PrivateBus::stop() {
 
 class LogCapture::Recorder : public Logger {
  public:
-  using Store = std::pair<std::mutex, std::vector<std::string>>;
-  explicit Recorder(std::shared_ptr<Store> store) : store_(std::move(store)) {}
+  // The capture outlives its recorder: setLogger destroys the recorder when
+  // the capture puts the plain logger back.
+  explicit Recorder(LogCapture* capture) : capture_(capture) {}
   void debug(const char* tag, const char* text) override { add("DEBUG ", tag, text); }
   void error(const char* tag, const char* text) override { add("ERROR ", tag, text); }
   void info(const char* tag, const char* text) override { add("INFO ", tag, text); }
@@ -300,28 +305,18 @@ class LogCapture::Recorder : public Logger {
 
  private:
   void add(const char* level, const char* tag, const char* text) {
-    std::lock_guard<std::mutex> lock(store_->first);
-    store_->second.push_back(level + std::string(tag) + ": " + text);
+    capture_->add(level + std::string(tag) + ": " + text);
   }
-  std::shared_ptr<Store> store_;
+  LogCapture* capture_;
 };
 
-LogCapture::LogCapture() : store_(std::make_shared<Recorder::Store>()) {
-  setLogger(new Recorder(store_));
-}
+LogCapture::LogCapture() { setLogger(new Recorder(this)); }
 
 LogCapture::~LogCapture() { setLogger(new DefaultLogger); }
 
-std::vector<std::string> LogCapture::lines() const {
-  std::lock_guard<std::mutex> lock(store_->first);
-  return store_->second;
-}
-
-size_t LogCapture::count(const std::string& text) const { return countContaining(lines(), text); }
-
 void LogCapture::clear() {
-  std::lock_guard<std::mutex> lock(store_->first);
-  store_->second.clear();
+  std::lock_guard<std::mutex> lock(mutex_);
+  lines_.clear();
 }
 
 }  // namespace nyxtest
