@@ -92,11 +92,9 @@ TEST_F(DaemonSlowTest, FloodOfRegistrationsWhileTheServerHoldsItsAnswerIsAnswere
   ChildProcess& daemon = harness_.startDaemon();
   const std::string appLog = harness_.root().file("app.jsonl");
   auto app = harness_.startTool("simulators/nyx-sample-app", {"--log", appLog}, true);
-  std::string writes;
   for (size_t write = 0; write < kWrites; ++write) {
-    writes += "register sender-a\n";
+    app->writeInput("register sender-a\n");
   }
-  app->writeInput(writes);
 
   PeakUsage peak;
   ASSERT_TRUE(waitSampling(
