@@ -42,6 +42,12 @@ std::string appAnswer(const std::string& path, size_t index) {
 }
 
 DaemonHarness::DaemonHarness() {
+  // systemd gives a service a soft limit of 1,024 open files, whatever the
+  // limit of the shell that runs the tests; nyxd inherits the test's limit.
+  rlimit files{};
+  getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = std::min<rlim_t>(1024, files.rlim_max);
+  setrlimit(RLIMIT_NOFILE, &files);
   root_.writePlatformFile("device-serial", "SERIAL-0001\n");
   root_.writePlatformFile("device-secret", "e2e-device-secret\n");
   root_.writePlatformFile("customer", "customer-1\n");
@@ -77,18 +83,8 @@ std::unique_ptr<ChildProcess> DaemonHarness::startTool(const std::string& relati
 }
 
 std::unique_ptr<ChildProcess> DaemonHarness::nyxd() {
-  // systemd gives a service a soft limit of 1,024 open files, whatever the
-  // limit of the shell that runs the tests; a child starts with the limit in
-  // force when it is started.
-  rlimit saved{};
-  getrlimit(RLIMIT_NOFILE, &saved);
-  rlimit service = saved;
-  service.rlim_cur = std::min<rlim_t>(1024, saved.rlim_max);
-  setrlimit(RLIMIT_NOFILE, &service);
-  auto daemon =
-      std::make_unique<ChildProcess>(ChildProcess::Options{{binaryDir() + "/daemon/nyxd"}, true});
-  setrlimit(RLIMIT_NOFILE, &saved);
-  return daemon;
+  return std::make_unique<ChildProcess>(
+      ChildProcess::Options{{binaryDir() + "/daemon/nyxd"}, true});
 }
 
 ChildProcess& DaemonHarness::startDaemon() {
