@@ -130,25 +130,22 @@ TEST_F(DaemonEndToEndTest, UnusableCacheEndsTheDaemonWithItsReasonInTheLog) {
         "E Main: Uncaught exception, terminating: Failed to open " + cache, kDeadline))
         << daemon.output();
     EXPECT_EQ(daemon.waitForExit(kDeadline), -SIGABRT);
-    daemon.waitForOutputClosed(kDeadline);
   }
 }
 
 TEST_F(DaemonEndToEndTest, EventsAreDroppedWhileTheFrameworkIsNotUp) {
   ChildProcess& daemon = harness_.startDaemon();
-  size_t ignored = 0;
-  for (int frameworkStarted : {0, 2}) {  // not started, starting
-    SCOPED_TRACE(frameworkStarted);
-    harness_.write("frameworkStarted", frameworkStarted, "com.corvid.shell");
-    harness_.write("wanRing", 1);
-    harness_.write("FrameworkStarted", "");
-    EXPECT_TRUE(daemon.waitForLine(kFrameworkDown, kDeadline, ignored += 2));
-  }
+  // Starting: only 1 is up, and a gate that took any non-zero value for up
+  // would let these through.
+  harness_.write("frameworkStarted", 2, "com.corvid.shell");
+  harness_.write("wanRing", 1);
+  harness_.write("FrameworkStarted", "");
+  EXPECT_TRUE(daemon.waitForLine(kFrameworkDown, kDeadline, 2));
   harness_.stopShell();
   harness_.write("credentialsInstalled", 1);
   EXPECT_TRUE(daemon.waitForLine(
       "E Main: HbusGetIntProperty failed, prop = frameworkStarted, status = 3", kDeadline));
-  EXPECT_TRUE(daemon.waitForLine(kFrameworkDown, kDeadline, ignored + 1));
+  EXPECT_TRUE(daemon.waitForLine(kFrameworkDown, kDeadline, 3));
   EXPECT_EQ(daemon.count("Processing task."), 0u);
 }
 
