@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -52,11 +53,10 @@ std::string binaryDir() { return envOr("NYX_BINARY_DIR", NYX_TEST_BINARY_DIR); }
 
 bool waitUntil(const std::function<bool()>& condition, milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
+  for (; !condition(); std::this_thread::sleep_for(milliseconds(5))) {
     if (std::chrono::steady_clock::now() >= deadline) {
       return condition();
     }
-    std::this_thread::sleep_for(milliseconds(5));
   }
   return true;
 }
@@ -145,19 +145,12 @@ void LineRecord::add(std::string line) {
 }
 
 ChildProcess::ChildProcess(const Options& options) {
-  std::vector<std::string> argv;
-  if (options.projectBinary) {
-    std::istringstream emulator(envOr("NYX_TEST_EMULATOR", ""));
-    for (std::string word; emulator >> word;) {
-      argv.push_back(word);
-    }
-  }
+  std::istringstream emulator(options.projectBinary ? envOr("NYX_TEST_EMULATOR", "") : "");
+  std::vector<std::string> argv(std::istream_iterator<std::string>(emulator), {});
   argv.insert(argv.end(), options.argv.begin(), options.argv.end());
-  std::vector<const char*> argvPointers;
-  for (const auto& word : argv) {
-    argvPointers.push_back(word.c_str());
-  }
-  argvPointers.push_back(nullptr);
+  std::vector<const char*> argvPointers(argv.size() + 1, nullptr);  // ends with nullptr
+  std::transform(argv.begin(), argv.end(), argvPointers.begin(),
+                 [](const std::string& word) { return word.c_str(); });
 
   if (options.inputPipe) {
     ::signal(SIGPIPE, SIG_IGN);  // a child that exits early must not kill the test
