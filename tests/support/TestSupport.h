@@ -80,6 +80,7 @@ class NyxRoot {
 };
 
 // Lines of text that one thread adds while others read or wait for them.
+// Not copyable (it holds a mutex), nor is what derives from it.
 class LineRecord {
  public:
   std::vector<std::string> lines() const;
@@ -111,8 +112,6 @@ class ChildProcess : public LineRecord {
 
   explicit ChildProcess(const Options& options);
   ~ChildProcess();
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
 
   pid_t pid() const { return pid_; }
   std::string output() const;
@@ -170,8 +169,6 @@ class LogCapture : public LineRecord {
  public:
   LogCapture();
   ~LogCapture();
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
   void clear();
 
  private:
