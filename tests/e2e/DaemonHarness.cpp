@@ -51,12 +51,10 @@ DaemonHarness::DaemonHarness() {
   root_.writePlatformFile("device-serial", "SERIAL-0001\n");
   root_.writePlatformFile("device-secret", "e2e-device-secret\n");
   root_.writePlatformFile("customer", "customer-1\n");
-  std::string ready;
-  server_ =
-      startTool("mock-server/nyx-mock-server",
-                {"--root", root_.path(), "--port", "0", "--configure", "--quiet"}, false, &ready);
+  server_ = startTool("mock-server/nyx-mock-server",
+                      {"--root", root_.path(), "--port", "0", "--configure", "--quiet"});
   rapidjson::Document info;
-  info.Parse(ready);
+  info.Parse(readFile(root_.file("nyx-mock-server.ready.json")));
   serverUrl_ = info["url"].GetString();
   shell_ = startTool("simulators/nyx-shell-sim", {"--framework-started", "1"});
   outbox_ = startTool("simulators/nyx-outbox-sim",
@@ -65,9 +63,9 @@ DaemonHarness::DaemonHarness() {
 
 std::unique_ptr<ChildProcess> DaemonHarness::startTool(const std::string& relative,
                                                        std::vector<std::string> arguments,
-                                                       bool inputPipe, std::string* ready) {
-  static int started = 0;
-  const std::string readyFile = root_.file("ready-" + std::to_string(++started) + ".json");
+                                                       bool inputPipe) {
+  const std::string readyFile =
+      root_.file(relative.substr(relative.rfind('/') + 1) + ".ready.json");
   // Only the system interpreter has python3-gi, which the simulators use.
   arguments.insert(arguments.begin(), {"/usr/bin/python3", tool(relative)});
   arguments.insert(arguments.end(), {"--ready-file", readyFile});
@@ -75,9 +73,6 @@ std::unique_ptr<ChildProcess> DaemonHarness::startTool(const std::string& relati
   // The tool writes the file in one rename, once it is ready.
   if (!waitUntil([&] { return access(readyFile.c_str(), R_OK) == 0; }, kStartTimeout)) {
     throw std::runtime_error("no ready file from " + relative + "; output:\n" + process->output());
-  }
-  if (ready != nullptr) {
-    *ready = readFile(readyFile);
   }
   return process;
 }
