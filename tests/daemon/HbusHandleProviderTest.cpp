@@ -42,8 +42,7 @@ TEST(IPCMessageSenderTest, SendToMissingServiceReturnsNoSuchServiceWithoutLoggin
 // register or answer, and nothing is queued.
 TEST(BusEventsTest, RegistrationRequestWithoutASenderIsLoggedAndDropped) {
   taskQueue.clear();
-  using Callback = int (*)(HbusHandleStruct*, const char*, const char*, GHashTable*, void*);
-  const std::pair<Callback, std::string> requests[] = {
+  const std::pair<decltype(&handleRegisterRequest), std::string> requests[] = {
       {handleRegisterRequest, "WARN Main: Ignoring NYX registration request without a sender."},
       {handleUnregisterRequest,
        "WARN Main: Ignoring NYX unregistration request without a sender."}};

@@ -53,10 +53,9 @@ TEST(LoggingTest, EachLoggerWritesLevelComponentAndMessage) {
 }
 
 TEST(LoggingTest, MessagesAreCutTo1023CharactersAndTheComponentPassesAsIs) {
-  nyxtest::LogCapture capture;
   const std::string component(1500, 'c');
   for (size_t length : {1023, 1024}) {
-    capture.clear();
+    nyxtest::LogCapture capture;
     logWarn(component.c_str(), "%%d %s", std::string(length - 3, 'x').c_str());
     EXPECT_EQ(capture.lines(),
               std::vector<std::string>{"WARN " + component + ": %d " + std::string(1020, 'x')});
@@ -71,10 +70,8 @@ TEST(NamedStringEnumTest, ValuesCompareAndCopyByTheirTextOnly) {
   const Color raw("Raw"), nyx("NYX"), raw2("Raw"), lower("raw");
   EXPECT_TRUE(raw == raw2);
   EXPECT_FALSE(raw != raw2);
-  for (const Color* other : {&nyx, &lower}) {  // same length, other bytes; other case
-    EXPECT_FALSE(raw == *other);
-    EXPECT_TRUE(raw != *other);
-  }
+  EXPECT_FALSE(raw == lower);  // no case folding
+  EXPECT_TRUE(raw != lower);
   Color copy(nyx);
   NamedStringEnum<Color>& asBase = copy;
   asBase = raw;

@@ -42,15 +42,19 @@ std::string appAnswer(const std::string& path, size_t index) {
 }
 
 DaemonHarness::DaemonHarness() {
+  // systemd gives a service a soft limit of 1,024 open files, whatever the
+  // limit of the shell that runs the tests; nyxd inherits the test's limit.
+  rlimit files{};
+  getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = std::min<rlim_t>(1024, files.rlim_max);
+  setrlimit(RLIMIT_NOFILE, &files);
   root_.writePlatformFile("device-serial", "SERIAL-0001\n");
   root_.writePlatformFile("device-secret", "e2e-device-secret\n");
   root_.writePlatformFile("customer", "customer-1\n");
-  std::string ready;
-  server_ =
-      startTool("mock-server/nyx-mock-server",
-                {"--root", root_.path(), "--port", "0", "--configure", "--quiet"}, false, &ready);
+  server_ = startTool("mock-server/nyx-mock-server",
+                      {"--root", root_.path(), "--port", "0", "--configure", "--quiet"});
   rapidjson::Document info;
-  info.Parse(ready);
+  info.Parse(readFile(root_.file("nyx-mock-server.ready.json")));
   serverUrl_ = info["url"].GetString();
   shell_ = startTool("simulators/nyx-shell-sim", {"--framework-started", "1"});
   outbox_ = startTool("simulators/nyx-outbox-sim",
@@ -59,9 +63,9 @@ DaemonHarness::DaemonHarness() {
 
 std::unique_ptr<ChildProcess> DaemonHarness::startTool(const std::string& relative,
                                                        std::vector<std::string> arguments,
-                                                       bool inputPipe, std::string* ready) {
-  static int started = 0;
-  const std::string readyFile = root_.file("ready-" + std::to_string(++started) + ".json");
+                                                       bool inputPipe) {
+  const std::string readyFile =
+      root_.file(relative.substr(relative.rfind('/') + 1) + ".ready.json");
   // Only the system interpreter has python3-gi, which the simulators use.
   arguments.insert(arguments.begin(), {"/usr/bin/python3", tool(relative)});
   arguments.insert(arguments.end(), {"--ready-file", readyFile});
@@ -70,25 +74,12 @@ std::unique_ptr<ChildProcess> DaemonHarness::startTool(const std::string& relati
   if (!waitUntil([&] { return access(readyFile.c_str(), R_OK) == 0; }, kStartTimeout)) {
     throw std::runtime_error("no ready file from " + relative + "; output:\n" + process->output());
   }
-  if (ready != nullptr) {
-    *ready = readFile(readyFile);
-  }
   return process;
 }
 
 std::unique_ptr<ChildProcess> DaemonHarness::nyxd() {
-  // systemd gives a service a soft limit of 1,024 open files, whatever the
-  // limit of the shell that runs the tests; a child starts with the limit in
-  // force when it is started.
-  rlimit saved{};
-  getrlimit(RLIMIT_NOFILE, &saved);
-  rlimit service = saved;
-  service.rlim_cur = std::min<rlim_t>(1024, saved.rlim_max);
-  setrlimit(RLIMIT_NOFILE, &service);
-  auto daemon =
-      std::make_unique<ChildProcess>(ChildProcess::Options{{binaryDir() + "/daemon/nyxd"}, true});
-  setrlimit(RLIMIT_NOFILE, &saved);
-  return daemon;
+  return std::make_unique<ChildProcess>(
+      ChildProcess::Options{{binaryDir() + "/daemon/nyxd"}, true});
 }
 
 ChildProcess& DaemonHarness::startDaemon() {

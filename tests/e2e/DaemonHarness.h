@@ -39,10 +39,10 @@ class DaemonHarness {
   // Starts the harness's own nyxd and waits for "Waiting for tasks.".
   ChildProcess& startDaemon();
   // Starts a Python tool of tools/ (the path below it) with --ready-file and
-  // waits for that file; `ready` receives the JSON object written there.
+  // waits for that file, the root's NAME.ready.json: one of each tool at a time.
   std::unique_ptr<ChildProcess> startTool(const std::string& tool,
                                           std::vector<std::string> arguments,
-                                          bool inputPipe = false, std::string* ready = nullptr);
+                                          bool inputPipe = false);
   void stopShell() { shell_.reset(); }
   // Writes a property of a service (by default nyxd's) as an application
   // does, over a bus connection of its own; throws unless answered with 0.

@@ -41,43 +41,43 @@ TEST_F(DaemonSlowTest, SignalWhileIdleIsForgottenByATaskAndHonouredByTheIdleWait
   daemon.signal(SIGTERM);
   harness_.write("wanRing", 1);
   ASSERT_TRUE(daemon.waitForLine(kWaiting, kDeadline, 2)) << daemon.output();
-  EXPECT_EQ(daemon.countLines("I Main: Processing task."), 1u);
+  EXPECT_EQ(daemon.count("I Main: Processing task."), 1u);
   EXPECT_FALSE(daemon.waitForExit(milliseconds(3000))) << daemon.output();
   daemon.signal(SIGTERM);
   ASSERT_EQ(daemon.waitForExit(milliseconds(25000)), 0) << daemon.output();
-  EXPECT_EQ(daemon.countLines("I Main: Received termination signal."), 1u);
+  EXPECT_EQ(daemon.count("I Main: Received termination signal."), 1u);
 }
+
+// Floods take long under qemu-arm: the emulated daemon handles every write.
+constexpr milliseconds kFloodDeadline(400000);
 
 // What /proc shows of a process at its busiest: open files and resident
 // memory. Under qemu-arm the process is the emulator running nyxd.
 struct PeakUsage {
-  void sample(pid_t pid) {
+  explicit PeakUsage(pid_t pid) : pid(pid) {}
+  void sample() {
     const std::filesystem::directory_iterator fds("/proc/" + std::to_string(pid) + "/fd");
     openFiles = std::max<size_t>(openFiles, std::distance(begin(fds), end(fds)));
     rssKb = std::max(rssKb, residentKb(pid));
+  }
+  // Waits for the condition until the flood deadline, sampling meanwhile.
+  bool waitFor(const std::function<bool()>& condition) {
+    return waitUntil(
+        [&] {
+          sample();
+          return condition();
+        },
+        kFloodDeadline);
   }
   static size_t residentKb(pid_t pid) {
     size_t pages = 0, resident = 0;
     std::ifstream("/proc/" + std::to_string(pid) + "/statm") >> pages >> resident;
     return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE)) / 1024;
   }
+  pid_t pid;
   size_t openFiles = 0;
   size_t rssKb = 0;
 };
-
-// Waits for the condition with a deadline, sampling the daemon meanwhile.
-bool waitSampling(const std::function<bool()>& condition, ChildProcess& daemon, PeakUsage& peak,
-                  milliseconds timeout) {
-  return waitUntil(
-      [&] {
-        peak.sample(daemon.pid());
-        return condition();
-      },
-      timeout);
-}
-
-// Floods take long under qemu-arm: the emulated daemon handles every write.
-constexpr milliseconds kFloodDeadline(400000);
 
 // An application writes "nyx_register" 1,000 more times while the server
 // holds its answer to the first: every write is queued, none holds a file
@@ -92,31 +92,27 @@ TEST_F(DaemonSlowTest, FloodOfRegistrationsWhileTheServerHoldsItsAnswerIsAnswere
   ChildProcess& daemon = harness_.startDaemon();
   const std::string appLog = harness_.root().file("app.jsonl");
   auto app = harness_.startTool("simulators/nyx-sample-app", {"--log", appLog}, true);
-  std::string writes;
   for (size_t write = 0; write < kWrites; ++write) {
-    writes += "register sender-a\n";
+    app->writeInput("register sender-a\n");
   }
-  app->writeInput(writes);
 
-  PeakUsage peak;
-  ASSERT_TRUE(waitSampling(
-      [&] { return daemon.countLines("I Main: Received NYX registration request.") >= kWrites; },
-      daemon, peak, kFloodDeadline))
-      << daemon.countLines("Received NYX registration request.");
+  PeakUsage peak(daemon.pid());
+  ASSERT_TRUE(peak.waitFor([&] {
+    return daemon.count("I Main: Received NYX registration request.") >= kWrites;
+  })) << daemon.count("Received NYX registration request.");
   // The worker may still be on its way to the server when the last write
   // has been logged.
   ASSERT_TRUE(waitUntil([&] { return !server.requests().empty(); }, kFloodDeadline));
   ASSERT_EQ(server.requests().size(), 1u);
   ASSERT_TRUE(daemon.running()) << daemon.output();
   server.release();
-  ASSERT_TRUE(waitSampling([&] { return jsonLines(appLog).size() >= kWrites; }, daemon, peak,
-                           kFloodDeadline))
+  ASSERT_TRUE(peak.waitFor([&] { return jsonLines(appLog).size() >= kWrites; }))
       << jsonLines(appLog).size() << " answers";
 
   for (size_t answer = 0; answer < kWrites; ++answer) {
     ASSERT_EQ(appAnswer(appLog, answer), R"({"registration_id":"reg-flood"})") << answer;
   }
-  EXPECT_EQ(daemon.countLines("W NYXRegistrar: Spurious call for registration"), kWrites - 1);
+  EXPECT_EQ(daemon.count("W NYXRegistrar: Spurious call for registration"), kWrites - 1);
   EXPECT_EQ(server.requests().size(), 1u);
   EXPECT_TRUE(daemon.running());
   EXPECT_LT(peak.openFiles, 100u);
@@ -146,20 +142,18 @@ TEST_F(DaemonSlowTest, FloodOfPushTriggersWhileAPageIsHeldRunsEveryPoll) {
 
   COwner<HbusHandleStruct, HbusClose> writer(HbusInitEx(nullptr, nullptr));
   ASSERT_NE(writer, nullptr);
-  PeakUsage peak;
+  PeakUsage peak(daemon.pid());
   for (size_t write = 0; write < kWrites; ++write) {
     ASSERT_EQ(HbusSetIntProperty(writer.get(), "cobalt.device.messaging", "wanRing", 1), 0);
     if (write % 100 == 0) {
-      peak.sample(daemon.pid());
+      peak.sample();
     }
   }
-  ASSERT_TRUE(waitSampling(
-      [&] { return daemon.countLines("I Main: Received NUDGE event: wanRing.") >= kWrites + 2; },
-      daemon, peak, kFloodDeadline));
+  ASSERT_TRUE(peak.waitFor(
+      [&] { return daemon.count("I Main: Received NUDGE event: wanRing.") >= kWrites + 2; }));
   pageServer.release();
-  ASSERT_TRUE(waitSampling([&] { return daemon.countLines(kWaiting) >= kWrites + 3; }, daemon, peak,
-                           kFloodDeadline))
-      << daemon.countLines(kWaiting);
+  ASSERT_TRUE(peak.waitFor([&] { return daemon.count(kWaiting) >= kWrites + 3; }))
+      << daemon.count(kWaiting);
 
   EXPECT_EQ(harness_.mock({"stats"})["requests"]["fetch"].GetUint(), kWrites + 1);
   EXPECT_TRUE(daemon.running());

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -52,11 +53,10 @@ std::string binaryDir() { return envOr("NYX_BINARY_DIR", NYX_TEST_BINARY_DIR); }
 
 bool waitUntil(const std::function<bool()>& condition, milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
+  for (; !condition(); std::this_thread::sleep_for(milliseconds(5))) {
     if (std::chrono::steady_clock::now() >= deadline) {
       return condition();
     }
-    std::this_thread::sleep_for(milliseconds(5));
   }
   return true;
 }
@@ -128,20 +128,29 @@ void NyxRoot::setConfig(const std::map<std::string, std::string>& values) const 
   }
 }
 
+std::vector<std::string> LineRecord::lines() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return lines_;
+}
+
+size_t LineRecord::count(const std::string& text) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return countContaining(lines_, text);
+}
+
+void LineRecord::add(std::string line) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  lines_.push_back(std::move(line));
+  changed_.notify_all();
+}
+
 ChildProcess::ChildProcess(const Options& options) {
-  std::vector<std::string> argv;
-  if (options.projectBinary) {
-    std::istringstream emulator(envOr("NYX_TEST_EMULATOR", ""));
-    for (std::string word; emulator >> word;) {
-      argv.push_back(word);
-    }
-  }
+  std::istringstream emulator(options.projectBinary ? envOr("NYX_TEST_EMULATOR", "") : "");
+  std::vector<std::string> argv(std::istream_iterator<std::string>(emulator), {});
   argv.insert(argv.end(), options.argv.begin(), options.argv.end());
-  std::vector<const char*> argvPointers;
-  for (const auto& word : argv) {
-    argvPointers.push_back(word.c_str());
-  }
-  argvPointers.push_back(nullptr);
+  std::vector<const char*> argvPointers(argv.size() + 1, nullptr);  // ends with nullptr
+  std::transform(argv.begin(), argv.end(), argvPointers.begin(),
+                 [](const std::string& word) { return word.c_str(); });
 
   if (options.inputPipe) {
     ::signal(SIGPIPE, SIG_IGN);  // a child that exits early must not kill the test
@@ -166,9 +175,10 @@ ChildProcess::ChildProcess(const Options& options) {
   const int flags = G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD |
                     (options.inputPipe ? 0 : G_SPAWN_STDIN_FROM_DEV_NULL);
   GError* error = nullptr;
+  int inputFd = -1;
   const bool started = g_spawn_async_with_pipes_and_fds(
       nullptr, argvPointers.data(), nullptr, GSpawnFlags(flags), ownGroupEndingWithTheTest, &parent,
-      -1, output[1], output[1], nullptr, nullptr, 0, &pid_, options.inputPipe ? &inputFd_ : nullptr,
+      -1, output[1], output[1], nullptr, nullptr, 0, &pid_, options.inputPipe ? &inputFd : nullptr,
       nullptr, nullptr, &error);
   close(output[1]);
   if (!started) {
@@ -177,13 +187,14 @@ ChildProcess::ChildProcess(const Options& options) {
     g_error_free(error);
     throw failure;
   }
+  input_ = inputFd >= 0 ? fdopen(inputFd, "w") : nullptr;
   setpgid(pid_, pid_);  // also here: the group must exist before any kill(-pid)
   reader_ = std::thread(&ChildProcess::readOutput, this, output[0]);
 }
 
 ChildProcess::~ChildProcess() {
-  if (inputFd_ >= 0) {
-    close(inputFd_);
+  if (input_ != nullptr) {
+    fclose(input_);
   }
   // The child and what it started in its group, so that nothing keeps the
   // output open or outlives the test.
@@ -196,31 +207,17 @@ ChildProcess::~ChildProcess() {
 }
 
 void ChildProcess::readOutput(int fd) {
-  std::string partial;
-  char buffer[4096];
-  ssize_t got;
-  while ((got = read(fd, buffer, sizeof buffer)) > 0 || (got < 0 && errno == EINTR)) {
-    partial.append(buffer, static_cast<size_t>(std::max<ssize_t>(got, 0)));
-    size_t newline;
-    std::lock_guard<std::mutex> lock(mutex_);
-    while ((newline = partial.find('\n')) != std::string::npos) {
-      lines_.push_back(partial.substr(0, newline));
-      partial.erase(0, newline + 1);
-    }
-    changed_.notify_all();
+  FILE* output = fdopen(fd, "r");
+  char* line = nullptr;
+  size_t capacity = 0;
+  for (ssize_t length; (length = getline(&line, &capacity, output)) > 0;) {
+    add(std::string(line, static_cast<size_t>(length) - (line[length - 1] == '\n')));
   }
-  close(fd);
+  free(line);
+  fclose(output);
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!partial.empty()) {
-    lines_.push_back(partial);
-  }
   outputClosed_ = true;
   changed_.notify_all();
-}
-
-std::vector<std::string> ChildProcess::lines() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return lines_;
 }
 
 std::string ChildProcess::output() const {
@@ -229,11 +226,6 @@ std::string ChildProcess::output() const {
     text += line + "\n";
   }
   return text;
-}
-
-size_t ChildProcess::countLines(const std::string& text) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return countContaining(lines_, text);
 }
 
 bool ChildProcess::waitForLine(const std::string& text, milliseconds timeout, size_t count) const {
@@ -247,12 +239,8 @@ bool ChildProcess::waitForOutputClosed(milliseconds timeout) const {
 }
 
 void ChildProcess::writeInput(const std::string& text) const {
-  for (size_t written = 0; written < text.size();) {
-    ssize_t done = write(inputFd_, text.data() + written, text.size() - written);
-    if (done <= 0 && errno != EINTR) {
-      throw systemError("write to child");
-    }
-    written += static_cast<size_t>(std::max<ssize_t>(done, 0));
+  if (fwrite(text.data(), 1, text.size(), input_) != text.size() || fflush(input_) != 0) {
+    throw systemError("write to child");
   }
 }
 
@@ -300,8 +288,9 @@ void PrivateBus::stop() {
 
 class LogCapture::Recorder : public Logger {
  public:
-  using Store = std::pair<std::mutex, std::vector<std::string>>;
-  explicit Recorder(std::shared_ptr<Store> store) : store_(std::move(store)) {}
+  // The capture outlives its recorder: setLogger destroys the recorder when
+  // the capture puts the plain logger back.
+  explicit Recorder(LogCapture* capture) : capture_(capture) {}
   void debug(const char* tag, const char* text) override { add("DEBUG ", tag, text); }
   void error(const char* tag, const char* text) override { add("ERROR ", tag, text); }
   void info(const char* tag, const char* text) override { add("INFO ", tag, text); }
@@ -309,28 +298,18 @@ class LogCapture::Recorder : public Logger {
 
  private:
   void add(const char* level, const char* tag, const char* text) {
-    std::lock_guard<std::mutex> lock(store_->first);
-    store_->second.push_back(level + std::string(tag) + ": " + text);
+    capture_->add(level + std::string(tag) + ": " + text);
   }
-  std::shared_ptr<Store> store_;
+  LogCapture* capture_;
 };
 
-LogCapture::LogCapture() : store_(std::make_shared<Recorder::Store>()) {
-  setLogger(new Recorder(store_));
-}
+LogCapture::LogCapture() { setLogger(new Recorder(this)); }
 
 LogCapture::~LogCapture() { setLogger(new DefaultLogger); }
 
-std::vector<std::string> LogCapture::lines() const {
-  std::lock_guard<std::mutex> lock(store_->first);
-  return store_->second;
-}
-
-size_t LogCapture::count(const std::string& text) const { return countContaining(lines(), text); }
-
 void LogCapture::clear() {
-  std::lock_guard<std::mutex> lock(store_->first);
-  store_->second.clear();
+  std::lock_guard<std::mutex> lock(mutex_);
+  lines_.clear();
 }
 
 }  // namespace nyxtest

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <memory>
@@ -15,7 +16,6 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -79,13 +79,28 @@ class NyxRoot {
   ScopedEnv env_;
 };
 
+// Lines of text that one thread adds while others read or wait for them.
+// Not copyable (it holds a mutex), nor is what derives from it.
+class LineRecord {
+ public:
+  std::vector<std::string> lines() const;
+  // Lines containing the text.
+  size_t count(const std::string& text) const;
+
+ protected:
+  void add(std::string line);
+  mutable std::mutex mutex_;
+  mutable std::condition_variable changed_;
+  std::vector<std::string> lines_;
+};
+
 // A child process whose standard output and error are collected line by line.
 // The destructor kills (SIGKILL) it and what it started in its process group,
 // reaps it, and fails the running test when the output holds a sanitizer's
 // report, which only this object sees. The child gets SIGKILL when the thread
 // that made it ends, so that a test that dies without its destructors leaves
 // nothing running: construct it on the test's own thread.
-class ChildProcess {
+class ChildProcess : public LineRecord {
  public:
   struct Options {
     std::vector<std::string> argv;
@@ -97,14 +112,9 @@ class ChildProcess {
 
   explicit ChildProcess(const Options& options);
   ~ChildProcess();
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
 
   pid_t pid() const { return pid_; }
-  std::vector<std::string> lines() const;
   std::string output() const;
-  // Lines containing the text.
-  size_t countLines(const std::string& text) const;
   bool waitForLine(const std::string& text, milliseconds timeout, size_t count = 1) const;
   void writeInput(const std::string& text) const;
   void signal(int signalNumber) const { kill(pid_, signalNumber); }
@@ -116,14 +126,10 @@ class ChildProcess {
 
  private:
   void readOutput(int fd);
-  size_t countLocked(const std::string& text) const;
 
   pid_t pid_ = -1;
-  int inputFd_ = -1;
+  FILE* input_ = nullptr;
   std::optional<int> exitStatus_;
-  mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
-  std::vector<std::string> lines_;
   bool outputClosed_ = false;
   std::thread reader_;
 };
@@ -159,20 +165,14 @@ class PrivateBusEnvironment : public ::testing::Environment {
 
 // Records every log line as "LEVEL component: message" (LEVEL one of DEBUG,
 // ERROR, INFO, WARN) and installs the plain logger again on destruction.
-class LogCapture {
+class LogCapture : public LineRecord {
  public:
   LogCapture();
   ~LogCapture();
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-  std::vector<std::string> lines() const;
-  // Lines that contain the text.
-  size_t count(const std::string& text) const;
   void clear();
 
  private:
   class Recorder;
-  std::shared_ptr<std::pair<std::mutex, std::vector<std::string>>> store_;
 };
 
 }  // namespace nyxtest
