@@ -105,6 +105,7 @@ TEST_F(DaemonSlowTest, FloodOfRegistrationsWhileTheServerHoldsItsAnswerIsAnswere
   ASSERT_TRUE(waitUntil([&] { return !server.requests().empty(); }, kFloodDeadline));
   ASSERT_EQ(server.requests().size(), 1u);
   ASSERT_TRUE(daemon.running()) << daemon.output();
+  ASSERT_TRUE(jsonLines(appLog).empty()) << "answered while the server held its answer";
   server.release();
   ASSERT_TRUE(peak.waitFor([&] { return jsonLines(appLog).size() >= kWrites; }))
       << jsonLines(appLog).size() << " answers";
@@ -151,6 +152,7 @@ TEST_F(DaemonSlowTest, FloodOfPushTriggersWhileAPageIsHeldRunsEveryPoll) {
   }
   ASSERT_TRUE(peak.waitFor(
       [&] { return daemon.count("I Main: Received NUDGE event: wanRing.") >= kWrites + 2; }));
+  ASSERT_EQ(daemon.count(kWaiting), 2u) << "a poll ended while the page was held";
   pageServer.release();
   ASSERT_TRUE(peak.waitFor([&] { return daemon.count(kWaiting) >= kWrites + 3; }))
       << daemon.count(kWaiting);
