@@ -14,6 +14,9 @@ ENQUEUED = {"m1": ("com.r", T0), "m2": ("com.flaky", T0), "m3": ("com.nobody", T
 APP_A = {"service.name": ":1.5", "sender.id": "s.a"}
 APP_B = {"service.name": ":1.6", "sender.id": "s.b"}
 A, B = ledger.render_app(APP_A), ledger.render_app(APP_B)
+# The daemon's lines that store a registration and that start an unregistration.
+REGISTERED = "I NYXRegistrar: Successfully registered app '%s'. RegistrationId is '%s'"
+UNREGISTER = "I NYXRegistrar: Request to unregister app '%s' due to request"
 SERVER = [{"id": "r1", "appInfo": APP_A, "revoked": False},
           {"id": "r2", "appInfo": APP_B, "revoked": False},
           {"id": "r0", "appInfo": APP_A, "revoked": True}]
@@ -33,15 +36,6 @@ def messages(pending, acks, deliveries=None):
     r = ledger.check_messages(ENQUEUED, set(pending), acks, deliveries or {}, OUTAGES)
     return (sorted(i for i, _ in r.lost), sorted(i for i, _, _ in r.unearned), r.acknowledged,
             r.still_offered, r.duplicates)
-
-
-def registered(app, reg_id):
-    return "I NYXRegistrar: Successfully registered app '%s'. RegistrationId is '%s'" % (
-        ledger.render_app(app), reg_id)
-
-
-def unregister(app):
-    return "I NYXRegistrar: Request to unregister app '%s' due to request" % ledger.render_app(app)
 
 
 def cache(rows, log, server=SERVER, integrity="ok\n"):
@@ -85,14 +79,14 @@ CASES = [
      True),
     # The registration cache against what the server granted.
     ("unregistration started", lambda: cache([("r1", A)], [
-        registered(APP_A, "r1"), registered(APP_B, "r2"), unregister(APP_B)]),
+        REGISTERED % (A, "r1"), REGISTERED % (B, "r2"), UNREGISTER % B]),
      (0, [ledger.REPLACED])),
     ("stored and then lost, other apps' events around it", lambda: cache([("r1", A)], [
-        unregister(APP_B), registered(APP_B, "r2"), registered(APP_A, "r1")]), (1, [])),
+        UNREGISTER % B, REGISTERED % (B, "r2"), REGISTERED % (A, "r1")]), (1, [])),
     ("a revoked row", lambda: cache([("r0", A), ("r1", A), ("r2", B)], []), (1, [])),
     ("a row for another app", lambda: cache([("r1", B), ("r2", B)], []), (1, [])),
     ("replaced by a cached grant killed before its line, one never logged", lambda: cache(
-        [("r3", A)], [registered(APP_A, "r1")],
+        [("r3", A)], [REGISTERED % (A, "r1")],
         server=SERVER + [{"id": "r3", "appInfo": APP_A, "revoked": False}]),
      (0, [ledger.REPLACED, ledger.LOST_ANSWER])),
     ("a damaged file", lambda: cache([], [], [], "*** in database main ***\nPage 3"), (1, [])),
