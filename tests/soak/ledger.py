@@ -99,8 +99,9 @@ def check_cache(integrity, rows, server_registrations, log_lines):
     registration id and app) with the server's registrations and the
     registration lines of the daemon's whole log. Every row must be an
     active registration the server holds for the same app. One the server
-    holds and the cache lacks is intended when the log explains it;
-    otherwise it is a mismatch, and so is a damaged file."""
+    holds and the cache lacks is intended when the log or a later grant
+    in the cache explains it; otherwise it is a mismatch, and so is a
+    damaged file. `server_registrations` come in the order of their grant."""
     result = SimpleNamespace(integrity=integrity.strip(), rows=len(rows), matching=0,
                              intended=collections.Counter(), mismatches=[])
     # (app, registration id or None for an unregistration) in log order
@@ -115,11 +116,14 @@ def check_cache(integrity, rows, server_registrations, log_lines):
         else:
             result.mismatches.append("cache holds %s for %s; the server grants it to %s"
                                      % (reg_id, app, active.get(reg_id, "no one")))
-    cached = {reg_id for reg_id, _ in rows}
-    for reg_id, app in active.items():
+    cached, replaced = {reg_id for reg_id, _ in rows}, set()
+    # Newest grant first: a cached grant replaced the app's earlier ones, also
+    # when the daemon was killed between writing it and logging it.
+    for reg_id, app in reversed(active.items()):
         if reg_id in cached:
+            replaced.add(app)
             continue
-        why = _explain_missing(reg_id, app, events)
+        why = REPLACED if app in replaced else _explain_missing(reg_id, app, events)
         if why is None:
             result.mismatches.append(
                 "server grants %s, logged as stored, still current, but not in the cache" % reg_id)
@@ -159,9 +163,8 @@ def check_exits(exits):
             result.stops += 1
             continue
         result.restarts += 1
-        causes = ["uncaught exception: " + m["cause"].strip()[:120]
-                  for m in map(UNCAUGHT.search, end.log) if m]
-        cause = causes[-1] if causes else None
+        cause = next(("uncaught exception: " + m["cause"].strip()[:120]
+                      for m in map(UNCAUGHT.search, reversed(end.log)) if m), None)
         if end.code == -SIGKILL and end.requested == "kill":
             cause = "SIGKILL from the soak"
         elif end.code == -SIGKILL and end.escalated:
